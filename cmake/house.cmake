@@ -1,0 +1,16 @@
+# What holds for every target: the warnings that are errors, the sanitizers, coverage, the include root.
+
+add_library(house INTERFACE)
+target_include_directories(house INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(house INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror)
+
+if(INET_RELAY_SANITIZE)
+  target_compile_options(house INTERFACE
+    -fsanitize=${INET_RELAY_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(house INTERFACE -fsanitize=${INET_RELAY_SANITIZE})
+endif()
+if(INET_RELAY_COVERAGE)
+  target_compile_options(house INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(house INTERFACE --coverage)
+endif()
