@@ -1,0 +1,55 @@
+#include "Reference_Center/addresses.hpp"
+
+#include <arpa/inet.h>
+#include <charconv>
+#include <netinet/in.h>
+
+namespace Zolt::Reference_Center {
+
+std::optional<std::uint16_t> parse_port(std::string_view text) {
+    std::uint16_t port = 0;
+    char const* const end = text.data() + text.size();
+    auto const [stop, error] = std::from_chars(text.data(), end, port);
+    if (error != std::errc() || stop != end || port == 0) {
+        return std::nullopt;
+    }
+    return port;
+}
+
+std::optional<std::uint32_t> parse_ip(std::string const& text) {
+    in_addr address{};
+    if (::inet_pton(AF_INET, text.c_str(), &address) != 1) {
+        return std::nullopt;
+    }
+    return address.s_addr;
+}
+
+std::optional<struct_node_addr> parse_address(std::string_view text) {
+    std::size_t const colon = text.rfind(':');
+    if (colon == std::string_view::npos) {
+        return std::nullopt;
+    }
+    auto const ip = parse_ip(std::string(text.substr(0, colon)));
+    auto const port = parse_port(text.substr(colon + 1));
+    if (!ip || !port) {
+        return std::nullopt;
+    }
+    return struct_node_addr{*ip, *port};
+}
+
+std::string ip_text(std::uint32_t ip) {
+    char text[INET_ADDRSTRLEN] = "";
+    in_addr const address{ip};
+    ::inet_ntop(AF_INET, &address, text, sizeof text);
+    return text;
+}
+
+std::string address_text(struct_node_addr address) {
+    return ip_text(address.ip) + ":" + std::to_string(address.port);
+}
+
+bool is_multicast(std::uint32_t ip) {
+    return IN_MULTICAST(ntohl(ip));
+}
+
+} // namespace Zolt::Reference_Center

@@ -1,0 +1,29 @@
+// Addresses, ports and sizes as people write them.
+#ifndef REFERENCE_CENTER_ADDRESSES_HPP
+#define REFERENCE_CENTER_ADDRESSES_HPP
+
+#include "Host/zolt_packet.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Zolt::Reference_Center {
+
+/// 1 to 65535 in decimal.
+std::optional<std::uint16_t> parse_port(std::string_view text);
+/// Dotted decimal; network byte order.
+std::optional<std::uint32_t> parse_ip(std::string const& text);
+/// IP:PORT.
+std::optional<struct_node_addr> parse_address(std::string_view text);
+
+std::string ip_text(std::uint32_t ip);
+std::string address_text(struct_node_addr address);
+
+/// 224.0.0.0 to 239.255.255.255.
+bool is_multicast(std::uint32_t ip);
+
+} // namespace Zolt::Reference_Center
+
+#endif

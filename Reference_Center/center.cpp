@@ -1,0 +1,278 @@
+#include "Reference_Center/center.hpp"
+
+#include "Center/INet_Relay/EPoll/inet_relay_epoll.hpp"
+#include "Reference_Center/configuration.hpp"
+#include "Reference_Center/failure.hpp"
+#include "Reference_Center/leftovers.hpp"
+#include "Reference_Center/output.hpp"
+#include "Reference_Center/port_holder.hpp"
+#include "Reference_Host/inbox.hpp"
+#include "Reference_Host/output_sink.hpp"
+#include "Reference_Host/packet_limits.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fmt/format.h>
+#include <future>
+#include <span>
+#include <thread>
+#include <unistd.h>
+
+namespace Zolt::Reference_Center {
+namespace {
+
+using Reference_Host::connection_event;
+using Reference_Host::get_center_inbox;
+using Reference_Host::packet_kind;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds c_port_retry{200};
+constexpr milliseconds c_look_around{50};
+constexpr milliseconds c_drain_time{1000};
+constexpr std::size_t c_batch = 64;
+
+/// Waits until the port can be served, for as long as the plan says. Throws failure.
+void wait_for_port(std::uint16_t port, steady_clock::time_point deadline, stop_signals const* signals) {
+    port_trouble trouble = try_port(port);
+    if (trouble.error == EADDRINUSE && steady_clock::now() < deadline) {
+        log_event("waiting for port " + std::to_string(port) + ", which is taken");
+    }
+    while (trouble.error != 0) {
+        if (signals != nullptr && signals->is_requested()) {
+            throw failure(exit_code::interrupted, describe(port, trouble));
+        }
+        if (steady_clock::now() >= deadline || trouble.error != EADDRINUSE) {
+            throw failure(exit_code::port_unavailable, describe(port, trouble));
+        }
+        std::this_thread::sleep_for(c_port_retry);
+        trouble = try_port(port);
+    }
+}
+
+void serve_port(std::uint16_t port) {
+    int const error = Center::INet_Relay::add_server(port);
+    if (error != 0) {
+        throw failure(exit_code::port_unavailable,
+                      fmt::format("port {} cannot be served: {}", port, std::strerror(error)));
+    }
+}
+
+/// The acknowledgement of a call or signal, addressed back.
+struct_token make_acknowledgement(struct_packet& call) {
+    Reference_Host::packet_plan answer;
+    answer.kind = call.is_call_return() ? packet_kind::call_return_ack : packet_kind::signal_return_ack;
+    answer.source = Reference_Host::get_destination(call);
+    answer.destination = Reference_Host::get_source(call);
+    answer.code = Reference_Host::get_code(call);
+    answer.flags = Reference_Host::get_flags(call);
+    answer.sequence = Reference_Host::get_sequence(call);
+    return Reference_Host::make_packet(answer);
+}
+
+struct_node_addr source_of(struct_packet const& header) {
+    auto const source = Reference_Host::get_source(header);
+    return {source.ip, source.port};
+}
+
+/// Packets out of the inbox, freed whatever happens to them in between.
+class packet_batch {
+public:
+    explicit packet_batch(milliseconds longest) : count(get_center_inbox().take(taken, longest)) {}
+    ~packet_batch() {
+        for (struct_token& token : tokens()) {
+            token.free();
+        }
+    }
+    packet_batch(packet_batch const&) = delete;
+    packet_batch& operator=(packet_batch const&) = delete;
+
+    std::span<struct_token> tokens() { return std::span(taken).first(count); }
+
+private:
+    std::array<struct_token, c_batch> taken;
+    std::size_t const count;
+};
+
+void take_rest() {
+    while (!packet_batch(milliseconds(0)).tokens().empty()) {
+    }
+}
+
+} // namespace
+
+char const* way_text(way via) {
+    switch (via) {
+    case way::udp:
+        return "udp";
+    case way::accepted:
+        return "accepted";
+    case way::outgoing:
+        return "outgoing";
+    }
+    return "";
+}
+
+center::center(center_plan const& wanted, center_user& of) : plan(wanted), user(of) {
+    use_configuration(plan.configuration);
+    auto const deadline = steady_clock::now() + plan.wait_for_ports;
+    for (std::uint16_t const port : plan.ports) {
+        wait_for_port(port, deadline, plan.signals);
+    }
+    Reference_Host::set_max_data_size(plan.max_packet);
+    open_hand_over_book();
+    get_center_inbox().resume();
+    start();
+}
+
+void center::start() {
+    try {
+        Center::INet_Relay::initialize();
+        for (std::uint16_t const port : plan.ports) {
+            serve_port(port);
+        }
+    } catch (std::string const& text) {
+        Center::INet_Relay::finalize();
+        throw failure(exit_code::failed, "the relay could not start: " + text);
+    } catch (...) {
+        Center::INet_Relay::finalize();
+        throw;
+    }
+    Center::INet_Relay::start();
+    runs = true;
+}
+
+center::~center() {
+    stop();
+}
+
+void center::stop() {
+    if (!runs) {
+        return;
+    }
+    runs = false;
+    get_center_inbox().stop();
+    std::promise<void> stopped;
+    std::future<void> const end = stopped.get_future();
+    std::thread stopper([&stopped] {
+        Center::INet_Relay::stop();
+        Center::INet_Relay::finalize();
+        // What is queued now counts as queued; that it is freed below is no outcome.
+        close_hand_over_book();
+        clear_leftovers();
+        stopped.set_value();
+    });
+    if (end.wait_for(plan.stop_timeout) != std::future_status::ready) {
+        write_error_line("zolt-center: the relay did not stop in time; the process is cut off");
+        ::_exit(static_cast<int>(exit_code::failed));
+    }
+    stopper.join();
+    take_rest();
+    // The relay's last lines tell of datagrams that failed.
+    Reference_Host::drain_output(c_drain_time);
+}
+
+void center::serve(milliseconds longest) {
+    packet_batch batch(longest);
+    for (struct_token& token : batch.tokens()) {
+        dispatch(token);
+    }
+}
+
+bool center::serve_until(steady_clock::time_point deadline, std::function<bool()> const& condition) {
+    while (!condition()) {
+        auto const now = steady_clock::now();
+        if (now >= deadline) {
+            return false;
+        }
+        serve(std::min(c_look_around, std::chrono::ceil<milliseconds>(deadline - now)));
+    }
+    return true;
+}
+
+void center::dispatch(struct_token& token) {
+    struct_packet& header = *token.get_header_packet();
+    // Only what the relay itself made has no arrival clock: its notices, and this node's packets on their way back.
+    if (Reference_Host::get_arrival_clock(header) != 0) {
+        receive(token, header);
+    } else if (Reference_Host::is_control(header)) {
+        notice(header);
+    } else {
+        user.on_returned(header);
+    }
+}
+
+void center::notice(struct_packet const& header) {
+    connection_event const event = Reference_Host::get_event(header);
+    bool const is_accepted =
+        event == connection_event::connected_from_client || event == connection_event::disconnected_from_client;
+    peer const who{source_of(header), is_accepted ? way::accepted : way::outgoing};
+    if (event == connection_event::connected_from_client || event == connection_event::connected_to_server) {
+        connected[who.address] = who.via;
+        user.on_connected(who);
+    } else {
+        connected.erase(who.address);
+        user.on_disconnected(who);
+    }
+}
+
+void center::receive(struct_token& token, struct_packet& header) {
+    // The relay stamps this on datagrams only.
+    bool const is_datagram = header.get_mct_ip() == c_local_host;
+    (is_datagram ? udp_in : tcp_in).add(Reference_Host::get_data_span(token).size());
+    peer from{source_of(header), way::udp};
+    if (!is_datagram) {
+        auto const known = connected.find(from.address);
+        from.via = known != connected.end() ? known->second : way::outgoing;
+    }
+    if (from.via == way::accepted && (header.is_call_return() || header.is_signal_return())) {
+        send(from, make_acknowledgement(header));
+    }
+    user.on_packet({token, header, from});
+}
+
+void center::connect(struct_node_addr destination) {
+    Center::INet_Relay::add_client(destination.ip, destination.port);
+}
+
+void center::withdraw(struct_node_addr destination) {
+    Center::INet_Relay::del_client(destination.ip, destination.port);
+}
+
+bool center::send(peer const& to, struct_token token, std::uint32_t number) {
+    struct_packet* const header = token.get_header_packet();
+    std::uint64_t const size = header->get_data_size();
+    hand_over mark(token, number);
+    int result = 0;
+    switch (to.via) {
+    case way::udp:
+        Center::INet_Relay::send_udp(token, header);
+        break;
+    case way::accepted:
+        result = Center::INet_Relay::send_tcp_server(to.address, token, header);
+        break;
+    case way::outgoing:
+        result = Center::INet_Relay::send_tcp_client(to.address, token, header);
+        break;
+    }
+    if (result == 0) {
+        (to.via == way::udp ? udp_out : tcp_out).add(size);
+        return true;
+    }
+    mark.was_refused(token);
+    token.free();
+    return false;
+}
+
+void center::send_to_all_accepted(struct_token token) {
+    for (auto const& [address, via] : connected) {
+        if (via == way::accepted) {
+            tcp_out.add(token.get_header_packet()->get_data_size());
+        }
+    }
+    Center::INet_Relay::send_tcp_broadcast(token, token.get_header_packet());
+    token.free();
+}
+
+} // namespace Zolt::Reference_Center

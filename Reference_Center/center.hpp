@@ -1,0 +1,135 @@
+// A Center: the relay's lifecycle, its packets, its peers. One at a time in a process.
+//
+// Thread: everything here belongs to the thread that made the Center. The relay's threads only put packets into the inbox;
+// serve takes them out and calls the user, so the user may call the relay.
+#ifndef REFERENCE_CENTER_CENTER_HPP
+#define REFERENCE_CENTER_CENTER_HPP
+
+#include "Host/zolt_packet.hpp"
+#include "Reference_Center/diagnostics.hpp"
+#include "Reference_Center/hand_over_book.hpp"
+#include "Reference_Center/stop_signals.hpp"
+#include "Reference_Host/packet_building.hpp"
+#include "Reference_Host/packet_reading.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Zolt::Reference_Center {
+
+/// The way that a packet came, or goes.
+enum class way {
+    udp,
+    accepted, ///< over a connection that the peer opened
+    outgoing, ///< over a connection that this node opened
+};
+char const* way_text(way via);
+
+struct peer {
+    struct_node_addr address;
+    way via = way::udp;
+
+    friend bool operator==(peer const&, peer const&) = default;
+};
+
+/// A packet that arrived. The token is freed when the call that got it returns.
+struct arrival {
+    struct_token& token;
+    struct_packet& header;
+    peer from; ///< of a datagram: its sender's address, and the port that the sender wrote
+};
+
+/// What a command does with what happens. Deriving classes say what concerns them.
+class center_user {
+public:
+    virtual ~center_user() = default;
+    virtual void on_connected(peer const&) {}
+    virtual void on_disconnected(peer const&) {}
+    virtual void on_packet(arrival const&) {}
+    /// A packet of this node that came back as an error; source and destination are swapped in it.
+    virtual void on_returned(struct_packet const&) {}
+};
+
+struct center_plan {
+    std::vector<std::uint16_t> ports;      ///< served over UDP and TCP
+    std::string configuration;             ///< file; empty for the relay's own
+    std::uint32_t max_packet = 256U << 20; ///< bytes of data
+    std::chrono::milliseconds wait_for_ports{0};
+    stop_signals const* signals = nullptr; ///< end the wait for ports
+    std::chrono::milliseconds stop_timeout{5000};
+};
+
+struct traffic_counts {
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0; ///< of data
+
+    void add(std::uint64_t size) {
+        ++packets;
+        bytes += size;
+    }
+
+    friend traffic_counts operator+(traffic_counts const& a, traffic_counts const& b) {
+        return {a.packets + b.packets, a.bytes + b.bytes};
+    }
+};
+
+class center {
+public:
+    /// Runs when it returns. Throws failure: configuration, ports, or what the relay could not do.
+    center(center_plan const& plan, center_user& user);
+    /// Stops if stop was not called.
+    ~center();
+    center(center const&) = delete;
+    center& operator=(center const&) = delete;
+
+    /// Waits for packets until the time is over, or somebody wakes the inbox, and gives each to the user. Calls that came
+    /// over an accepted connection are acknowledged on the way.
+    void serve(std::chrono::milliseconds longest);
+    /// Serves until the condition is true, or the moment has come. The last answer of the condition.
+    bool serve_until(std::chrono::steady_clock::time_point deadline, std::function<bool()> const& condition);
+
+    void connect(struct_node_addr destination);
+    void withdraw(struct_node_addr destination);
+
+    /// Hands a packet to the relay. False when there is no connection; the packet is freed then. Number: see
+    /// hand_over. Over UDP the destination's port must be one that this node serves.
+    bool send(peer const& to, struct_token token, std::uint32_t number = 0);
+    /// Copies of the packet for all accepted connections; frees the packet.
+    void send_to_all_accepted(struct_token token);
+
+    std::map<struct_node_addr, way> const& peers() const { return connected; }
+    traffic_counts arrived() const { return udp_in + tcp_in; }
+    traffic_counts const& arrived_over_udp() const { return udp_in; }
+    traffic_counts const& arrived_over_tcp() const { return tcp_in; }
+    traffic_counts const& handed_over_udp() const { return udp_out; }
+    /// Copies made for all accepted connections count once for each.
+    traffic_counts const& handed_over_tcp() const { return tcp_out; }
+
+    /// Refuses what arrives from now on, stops the relay, and frees what nobody took out of the inbox. Ends the process
+    /// when the relay takes longer than the plan allows.
+    void stop();
+
+private:
+    void start();
+    void dispatch(struct_token& token);
+    void notice(struct_packet const& header);
+    void receive(struct_token& token, struct_packet& header);
+
+    center_plan const plan;
+    center_user& user;
+    relay_lines const lines;
+    std::map<struct_node_addr, way> connected;
+    traffic_counts udp_in;
+    traffic_counts tcp_in;
+    traffic_counts udp_out;
+    traffic_counts tcp_out;
+    bool runs = false;
+};
+
+} // namespace Zolt::Reference_Center
+
+#endif

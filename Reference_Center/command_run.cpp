@@ -1,0 +1,173 @@
+// zolt-center run: a Center in the foreground.
+#include "Reference_Center/addresses.hpp"
+#include "Reference_Center/center.hpp"
+#include "Reference_Center/link_message.hpp"
+#include "Reference_Center/options.hpp"
+#include "Reference_Center/output.hpp"
+
+#include <fmt/format.h>
+#include <memory>
+#include <unistd.h>
+
+namespace Zolt::Reference_Center {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+struct run_options : common_options {
+    std::vector<std::string> destinations;
+    bool echo = false;
+    double seconds = 0;
+};
+
+/// Says who comes and goes; sends back what arrives when it shall.
+class running_user : public center_user {
+public:
+    explicit running_user(run_options const& given) : options(given) {}
+
+    void use(center& made) { own = &made; }
+    std::uint64_t count_returned() const { return returned; }
+
+    void on_connected(peer const& who) override { tell("connected", who); }
+    void on_disconnected(peer const& who) override { tell("disconnected", who); }
+    void on_returned(struct_packet const&) override { ++returned; }
+
+    void on_packet(arrival const& packet) override {
+        if (options.echo && get_message(packet.header) != link_message::echo && is_plain(packet.header)) {
+            send_back(packet);
+        }
+    }
+
+private:
+    /// Acknowledgements and errors end with who gets them.
+    static bool is_plain(struct_packet const& header) {
+        auto const kind = Reference_Host::get_kind(header);
+        return kind == Reference_Host::packet_kind::data || kind == Reference_Host::packet_kind::command_udp ||
+               kind == Reference_Host::packet_kind::information_udp;
+    }
+
+    void tell(char const* what, peer const& who) const {
+        if (options.json) {
+            write_out_object(
+                json_object{{"event", what}, {"peer", address_text(who.address)}, {"over", way_text(who.via)}});
+        } else {
+            log_event(fmt::format("{} {} ({})", what, address_text(who.address), way_text(who.via)));
+        }
+    }
+
+    /// Over UDP the answer goes to the port that the datagram came in by, as the relay's datagrams always do.
+    void send_back(arrival const& packet) {
+        Reference_Host::packet_plan plan;
+        plan.kind = Reference_Host::get_kind(packet.header);
+        plan.source = Reference_Host::get_destination(packet.header);
+        plan.destination = Reference_Host::get_source(packet.header);
+        if (packet.from.via == way::udp) {
+            plan.destination.port = plan.source.port;
+        }
+        plan.flags = to_flags(link_message::echo);
+        plan.code = Reference_Host::get_code(packet.header);
+        plan.sequence = Reference_Host::get_sequence(packet.header);
+        own->send(packet.from, Reference_Host::make_packet(plan, Reference_Host::get_data_span(packet.token)));
+    }
+
+    run_options const& options;
+    center* own = nullptr;
+    std::uint64_t returned = 0;
+};
+
+void tell_ready(run_options const& options) {
+    if (options.json) {
+        write_out_object(json_object{
+            {"event", "ready"}, {"pid", ::getpid()}, {"listen", options.ports}, {"connect", options.destinations}});
+        return;
+    }
+    std::string line = "ready";
+    if (!options.ports.empty()) {
+        line += fmt::format("; serving {} over UDP and TCP", fmt::join(options.ports, ", "));
+    }
+    if (!options.destinations.empty()) {
+        line += fmt::format("; connecting to {}", fmt::join(options.destinations, ", "));
+    }
+    write_out_line(line);
+}
+
+void tell_sum(run_options const& options, center const& node) {
+    traffic_counts const arrived = node.arrived();
+    hand_over_counts const counts = count_hand_overs();
+    if (options.json) {
+        write_out_object(json_object{{"event", "stopped"},
+                                     {"arrived", arrived.packets},
+                                     {"arrived_bytes", arrived.bytes},
+                                     {"packets", hand_over_json(counts)}});
+    } else {
+        write_out_line(fmt::format("stopped; arrived {} packets with {} bytes; {}", arrived.packets, arrived.bytes,
+                                   hand_over_text(counts)));
+    }
+    if (!counts.balances()) {
+        throw failure(exit_code::check_failed, "the packets handed over do not balance");
+    }
+}
+
+/// What is queued gets half of the stop's time to leave.
+void drain(center& node, milliseconds longest) {
+    node.serve_until(steady_clock::now() + longest, [] {
+        wake_when_queue_is_below(0, 0);
+        return count_hand_overs().queued == 0;
+    });
+}
+
+int run_center(run_options const& options) {
+    if (options.ports.empty() && options.destinations.empty()) {
+        throw failure(exit_code::wrong_usage, "run: give at least one --listen or --connect");
+    }
+    stop_signals const signals;
+    start_diagnostics(options.level());
+    running_user user(options);
+    center_plan plan = options.plan();
+    plan.signals = &signals;
+    center node(plan, user);
+    user.use(node);
+    for (std::string const& destination : options.destinations) {
+        node.connect(*parse_address(destination));
+    }
+    tell_ready(options);
+    auto const end =
+        options.seconds > 0 ? steady_clock::now() + to_milliseconds(options.seconds) : steady_clock::time_point::max();
+    node.serve_until(end, [&] { return signals.is_requested(); });
+    log_event("stopping");
+    drain(node, plan.stop_timeout / 2);
+    node.stop();
+    tell_sum(options, node);
+    return static_cast<int>(exit_code::done);
+}
+
+} // namespace
+
+void add_run_command(CLI::App& app, action& chosen) {
+    CLI::App& command = *app.add_subcommand("run", "Run a Center in the foreground until SIGINT or SIGTERM");
+    auto const options = std::make_shared<run_options>();
+    command.add_option("--listen", options->ports, "Serve a port over UDP and TCP; may be given more than once")
+        ->check(port_check())
+        ->type_name("PORT");
+    command
+        .add_option("--connect", options->destinations,
+                    "Keep a connection to a destination open; may be given more than once")
+        ->check(address_check())
+        ->type_name("IP:PORT");
+    command.add_flag("--echo", options->echo, "Send packets back to where they came from");
+    command.add_option("--seconds", options->seconds, "Stop after that time")
+        ->check(seconds_check(0.001))
+        ->type_name("SECONDS");
+    add_center_options(command, *options);
+    add_json_option(command, options->json, "Print events and the sum as one JSON object a line");
+    command.footer(
+        "Prints one line when it is ready and one with the sum of all packets at the end; what happens in between "
+        "goes\n"
+        "to standard error. Calls from connected peers are acknowledged. A second signal cuts the stop short.\n\n"
+        "  zolt-center run --listen 7000\n"
+        "  zolt-center run --listen 7000 --connect 10.0.0.2:7000 --echo");
+    command.callback([options, &chosen] { chosen = [options] { return run_center(*options); }; });
+}
+
+} // namespace Zolt::Reference_Center

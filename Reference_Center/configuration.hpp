@@ -1,0 +1,15 @@
+// The relay's configuration file, looked at before the relay reads it.
+#ifndef REFERENCE_CENTER_CONFIGURATION_HPP
+#define REFERENCE_CENTER_CONFIGURATION_HPP
+
+#include <string>
+
+namespace Zolt::Reference_Center {
+
+/// Makes the relay read that file instead of "../Config/zolt.ini"; with an empty path it reads that one, which may be
+/// absent. Throws failure for a file that cannot be read, or that has a line without meaning.
+void use_configuration(std::string const& path);
+
+} // namespace Zolt::Reference_Center
+
+#endif

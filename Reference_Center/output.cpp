@@ -1,0 +1,74 @@
+#include "Reference_Center/output.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <unistd.h>
+
+namespace Zolt::Reference_Center {
+namespace {
+
+/// 0, or errno.
+int write_whole(int descriptor, std::string_view text) {
+    while (!text.empty()) {
+        ssize_t const done = ::write(descriptor, text.data(), text.size());
+        if (done >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(done));
+            continue;
+        }
+        if (errno == EAGAIN) {
+            pollfd writable{descriptor, POLLOUT, 0};
+            ::poll(&writable, 1, -1);
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+void write_out(std::string_view text) {
+    if (int const error = write_whole(STDOUT_FILENO, text); error != 0) {
+        throw failure(exit_code::failed, "cannot write to standard output: " + std::string(std::strerror(error)));
+    }
+}
+
+void write_out_line(std::string_view line) {
+    write_out(std::string(line) + "\n");
+}
+
+void write_out_object(json_object const& object) {
+    // Bytes that are no UTF-8 can only come from file names and arguments.
+    write_out_line(object.dump(-1, ' ', false, json_object::error_handler_t::replace));
+}
+
+void write_error_line(std::string_view line) {
+    write_whole(STDERR_FILENO, std::string(line) + "\n");
+}
+
+void report_failure(failure const& reason, bool as_json) {
+    if (!as_json) {
+        write_error_line(std::string("zolt-center: ") + reason.what());
+        return;
+    }
+    json_object const object{{"error", {{"code", static_cast<int>(reason.code())}, {"text", reason.what()}}}};
+    try {
+        write_out_object(object);
+    } catch (failure const&) {
+        // Nobody reads; the exit code still tells.
+    }
+}
+
+bool is_terminal(int descriptor) {
+    char const* const kind = std::getenv("TERM");
+    return ::isatty(descriptor) == 1 && kind != nullptr && std::string_view(kind) != "dumb";
+}
+
+bool wants_colour(int descriptor) {
+    char const* const refused = std::getenv("NO_COLOR");
+    return is_terminal(descriptor) && (refused == nullptr || *refused == '\0');
+}
+
+} // namespace Zolt::Reference_Center

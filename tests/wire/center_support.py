@@ -1,0 +1,186 @@
+"""What the tests of zolt-center share: running it, waiting for its lines, and a peer written by hand."""
+
+import contextlib
+import os
+import select
+import socket
+import struct
+import subprocess
+import sys
+import time
+import unittest
+
+PROGRAM = ""
+DEADLINE = 60
+SKIPPED = 77
+
+HEADER = struct.Struct(">4sHHBBHIIIIHHIHHQQQQ")
+HEADER_SIZE = 72
+BLOCK_SIZE = 1024
+NO_TIMEOUT = 2**64 - 1
+DATA, CALL, CALL_ACKNOWLEDGEMENT, HEARTBEAT = 0, 1, 3, 5
+
+
+def main():
+    """Entry of each test file: FILE PROGRAM [UNITTEST ARGUMENT...]. Ends with 77 when every test was skipped."""
+    global PROGRAM
+    PROGRAM = sys.argv.pop(1)
+    # The relay looks for ../Config/zolt.ini: from here there is none.
+    os.chdir("/")
+    result = unittest.main(module="__main__", exit=False).result
+    if result.wasSuccessful() and result.testsRun == len(result.skipped):
+        sys.exit(SKIPPED)
+    sys.exit(0 if result.wasSuccessful() else 1)
+
+
+def call(*arguments, wrapper=(), **options):
+    """Runs the program to its end; output and errors as bytes."""
+    options.setdefault("stdin", subprocess.DEVNULL if "input" not in options else None)
+    options.setdefault("stdout", subprocess.PIPE)
+    if "input" in options:
+        del options["stdin"]
+    return subprocess.run([*wrapper, PROGRAM, *map(str, arguments)], stderr=subprocess.PIPE, timeout=DEADLINE,
+                          check=False, **options)
+
+
+class Running:
+    """The program in the background, with its lines as they come. Killed at the end if it still runs."""
+
+    def __init__(self, *arguments, **options):
+        options.setdefault("stdin", subprocess.DEVNULL)
+        options.setdefault("stderr", subprocess.PIPE)
+        self.process = subprocess.Popen([PROGRAM, *map(str, arguments)], stdout=subprocess.PIPE, **options)
+        self.pid = self.process.pid
+        self.text = {"stdout": b"", "stderr": b""}
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+        if self.process.stderr is not None:
+            self.process.stderr.close()
+
+    def wait_for(self, stream, text, deadline=DEADLINE):
+        """Reads until the text has appeared; gives everything that was read."""
+        wanted = text.encode()
+        end = time.monotonic() + deadline
+        pipe = getattr(self.process, stream)
+        while wanted not in self.text[stream]:
+            readable, _, _ = select.select([pipe], [], [], max(0, end - time.monotonic()))
+            piece = os.read(pipe.fileno(), 65536) if readable else b""
+            if not piece:
+                raise AssertionError(f"no {text!r} on {stream}; there is {self.text!r}")
+            self.text[stream] += piece
+        return self.text[stream].decode()
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def until_end(self, what):
+        """Does it again and again until the program has ended; the exit code."""
+        end = time.monotonic() + DEADLINE
+        while time.monotonic() < end:
+            what()
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                return self.process.wait(timeout=0.02)
+        raise AssertionError("the program does not end")
+
+    def signal_until_end(self, number):
+        return self.until_end(lambda: self.signal(number))
+
+    def finish(self, deadline=DEADLINE):
+        """Waits for the end: exit code, all output, all errors."""
+        out, err = self.process.communicate(timeout=deadline)
+        return self.process.returncode, (self.text["stdout"] + out), (self.text["stderr"] + err).decode()
+
+
+def bind_both(port):
+    """A TCP and a UDP socket on one port, or nothing when that is not free."""
+    with contextlib.ExitStack() as stack:
+        tcp = stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_STREAM))
+        udp = stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        tcp.bind(("", port))
+        try:
+            udp.bind(("", tcp.getsockname()[1]))
+        except OSError:
+            return None
+        return tcp.getsockname()[1]
+
+
+def free_port():
+    """A port that the kernel just gave away over TCP, and that is free over UDP too."""
+    return next(port for port in iter(lambda: bind_both(0), ()) if port)
+
+
+def make_packet(data=b"", kind=DATA, flags=0, sequence=0, code=0, version=1):
+    """A packet as it travels: header, then data."""
+    return HEADER.pack(b"ZOLT", version, HEADER_SIZE, kind, 0, flags, len(data), 0, code, 0, 0, 0, 0, 0, 0, sequence, 0,
+                       NO_TIMEOUT, 0) + data
+
+
+class Packet:
+    """A packet that was read."""
+
+    def __init__(self, header, data):
+        fields = HEADER.unpack(header)
+        self.kind, self.flags, self.sequence, self.data = fields[3], fields[5], fields[15], data
+
+
+class Peer:
+    """One end of a connection to the program, written from the wire format's description."""
+
+    def __init__(self, connection, connects):
+        self.connection = connection
+        connection.settimeout(DEADLINE)
+        ports = struct.pack(">HH", connection.getsockname()[1], connection.getpeername()[1])
+        if connects:
+            connection.sendall(ports.ljust(BLOCK_SIZE, b"\0"))
+            self.read(BLOCK_SIZE)
+        else:
+            self.read(BLOCK_SIZE)
+            connection.sendall(ports.ljust(BLOCK_SIZE, b"\0"))
+
+    @classmethod
+    def connect(cls, port):
+        return cls(socket.create_connection(("127.0.0.1", port), timeout=DEADLINE), True)
+
+    @classmethod
+    def accept(cls, listening):
+        listening.settimeout(DEADLINE)
+        return cls(listening.accept()[0], False)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.connection.close()
+
+    def read(self, size):
+        data = b""
+        while len(data) < size:
+            piece = self.connection.recv(size - len(data))
+            if not piece:
+                raise AssertionError("the connection ended")
+            data += piece
+        return data
+
+    def send(self, *arguments, **options):
+        self.connection.sendall(make_packet(*arguments, **options))
+
+    def receive(self):
+        """The next packet that is no heartbeat."""
+        while True:
+            header = self.read(HEADER_SIZE)
+            packet = Packet(header, self.read(HEADER.unpack(header)[6]))
+            if packet.kind != HEARTBEAT:
+                return packet
+
+
+def can_have_networks():
+    """True when this user may make a user namespace with a network in it."""
+    return subprocess.run(["unshare", "--user", "--map-root-user", "--net", "true"], stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL, check=False).returncode == 0

@@ -1,0 +1,27 @@
+# zolt-center as its user meets it: the program, run by scripts that also play its peers.
+
+if(NOT TARGET zolt-center)
+  return()
+endif()
+find_package(Python3 COMPONENTS Interpreter REQUIRED)
+
+# Sanitized programs are slow; what they prove does not depend on the size of a file.
+set(center_demo_sizes "--udp-size 8M --tcp-size 64M")
+if(INET_RELAY_SANITIZE OR INET_RELAY_COVERAGE)
+  set(center_demo_sizes "--udp-size 1M --tcp-size 4M")
+endif()
+
+# Further arguments: the test classes of the file to run; all without. 77: not possible here.
+function(center_test name file)
+  add_test(NAME wire.${name} COMMAND
+    ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${file}.py $<TARGET_FILE:zolt-center> ${ARGN})
+  set_tests_properties(wire.${name} PROPERTIES
+    LABELS wire TIMEOUT 300 SKIP_RETURN_CODE 77 ENVIRONMENT "CENTER_DEMO_SIZES=${center_demo_sizes}")
+endfunction()
+
+center_test(center_usage center_usage_test)
+center_test(center_rights center_rights_test)
+center_test(center_traffic center_traffic_test)
+center_test(center_demo_with_networks center_demo_test WithNetworks)
+center_test(center_demo_without_networks center_demo_test WithoutNetworks)
+center_test(center_demo_ending center_demo_test Ending)
