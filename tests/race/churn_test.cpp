@@ -1,0 +1,233 @@
+// Thousands of connections that come and go at random, and destinations that are withdrawn and added again at once.
+
+#include "tests/race/live_relay.hpp"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <fstream>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace relay_test;
+
+constexpr std::uint32_t c_loopback = Zolt::c_local_host;
+constexpr unsigned c_seed = 20260731;
+
+/// Resident memory in bytes.
+long resident_bytes() {
+    long all = 0;
+    long resident = 0;
+    std::ifstream("/proc/self/statm") >> all >> resident;
+    return resident * ::sysconf(_SC_PAGESIZE);
+}
+
+class churn : public live_relay {
+protected:
+    bool is_recorded() const override { return false; }
+
+    /// A peer with an address of its own, so that ports do not run out; established, and known to the Center.
+    descriptor join(int number);
+    void act(descriptor& peer);
+    void leave(descriptor& peer);
+
+    std::mt19937 random{c_seed};
+};
+
+descriptor churn::join(int number) {
+    descriptor peer(::socket(AF_INET, SOCK_STREAM, 0));
+    ::sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(0x7F000002u + static_cast<unsigned>(number % 200));
+    EXPECT_EQ(::bind(peer.get(), reinterpret_cast<::sockaddr*>(&address), sizeof address), 0);
+    address.sin_addr.s_addr = c_loopback;
+    address.sin_port = htons(port);
+    EXPECT_EQ(::connect(peer.get(), reinterpret_cast<::sockaddr*>(&address), sizeof address), 0);
+    write_bytes(peer, bytes(c_init_block, 0));
+    EXPECT_EQ(read_bytes(peer, c_init_block).size(), c_init_block);
+    return peer;
+}
+
+/// Some packets each way; the peer does not read all that comes.
+void churn::act(descriptor& peer) {
+    Zolt::struct_node_addr name{};
+    ::sockaddr_in own{};
+    ::socklen_t length = sizeof own;
+    ::getsockname(peer.get(), reinterpret_cast<::sockaddr*>(&own), &length);
+    name = {own.sin_addr.s_addr, ntohs(own.sin_port)};
+    for (unsigned i = random() % 4; i > 0; --i) {
+        auto token = make_token({.call = random() % 2 == 0, .data = bytes(random() % 2000, 3)});
+        if (INet_Relay::send_tcp_server(name, token, token.get_header_packet()) != 0) {
+            token.free();
+        }
+    }
+    for (unsigned i = random() % 4; i > 0; --i) {
+        write_bytes(peer, packet_bytes({.call_ack = random() % 3 == 0, .data = bytes(random() % 300, 5)}));
+    }
+}
+
+void churn::leave(descriptor& peer) {
+    switch (random() % 3) {
+    case 0:
+        peer.close();
+        return;
+    case 1:
+        reset_connection(peer);
+        return;
+    default:
+        ::shutdown(peer.get(), SHUT_WR);
+        peer.close();
+        return;
+    }
+}
+
+TEST_F(churn, leaves_nothing_and_takes_no_memory_for_good) {
+    constexpr int c_together = 20;
+    long after_first_part = 0;
+    std::vector<descriptor> here;
+    for (int number = 0; number < CHURN_CONNECTIONS && !HasFailure(); ++number) {
+        here.push_back(join(number));
+        act(here.back());
+        if (here.size() == c_together) {
+            leave(here.front());
+            here.erase(here.begin());
+        }
+        if (number == CHURN_CONNECTIONS / 4) {
+            after_first_part = resident_bytes();
+        }
+    }
+    for (descriptor& peer : here) {
+        leave(peer);
+    }
+    here.clear();
+    EXPECT_TRUE(eventually([&] { return is_gone(); }));
+    EXPECT_EQ(center.connected.load(), CHURN_CONNECTIONS);
+    EXPECT_EQ(center.disconnected.load(), CHURN_CONNECTIONS);
+    EXPECT_LT(resident_bytes() - after_first_part, 8 << 20) << "seed " << c_seed;
+}
+
+/// A node that accepts, answers the exchange and resets whatever ends; it works by itself until destroyed.
+class answering_peer {
+public:
+    answering_peer() : listener(listen_loopback(128)), thread([this] { serve(); }) {}
+    ~answering_peer() {
+        is_over = true;
+        thread.join();
+    }
+    std::uint16_t port() const { return local_port(listener); }
+
+private:
+    struct guest {
+        descriptor socket;
+        std::size_t block = 0;
+    };
+
+    void serve() {
+        while (!is_over) {
+            std::vector<::pollfd> watched{{listener.get(), POLLIN, 0}};
+            for (guest const& one : guests) {
+                watched.push_back({one.socket.get(), POLLIN, 0});
+            }
+            ::poll(watched.data(), watched.size(), 5);
+            for (std::size_t i = watched.size() - 1; i > 0; --i) {
+                if (watched[i].revents != 0) {
+                    read_from(i - 1);
+                }
+            }
+            if (watched[0].revents != 0) {
+                guests.push_back({accept_loopback(listener), 0});
+            }
+        }
+    }
+
+    void read_from(std::size_t number) {
+        guest& one = guests[number];
+        unsigned char space[4096];
+        std::size_t const wanted = one.block < c_init_block ? c_init_block - one.block : sizeof space;
+        ssize_t const got = ::recv(one.socket.get(), space, wanted, MSG_DONTWAIT);
+        if (got <= 0) {
+            reset_connection(one.socket); // no port is left waiting
+            guests.erase(guests.begin() + static_cast<std::ptrdiff_t>(number));
+            return;
+        }
+        bool const was_complete = one.block >= c_init_block;
+        one.block += static_cast<std::size_t>(got);
+        if (!was_complete && one.block == c_init_block) {
+            static unsigned char const answer[c_init_block] = {};
+            ::send(one.socket.get(), answer, sizeof answer, MSG_NOSIGNAL);
+        }
+    }
+
+    descriptor listener;
+    std::vector<guest> guests;
+    std::atomic<bool> is_over{false};
+    std::thread thread;
+};
+
+class withdrawing : public churn {
+protected:
+    static int count_established() {
+        Tesk::OS::class_locker const guard(&EPoll::g_client_lock, nullptr);
+        return static_cast<int>(EPoll::g_establish_client_map.size());
+    }
+    static int count_living() {
+        Tesk::OS::class_locker const guard(&EPoll::g_client_lock, nullptr);
+        int living = 0;
+        for (auto* rec = EPoll::g_outgoing.first; rec != nullptr; rec = EPoll::live_list::after(rec)) {
+            ++living;
+        }
+        return living;
+    }
+};
+
+TEST_F(withdrawing, and_adding_at_once_ends_with_one_working_connection) {
+    answering_peer const peer;
+    for (int round = 0; round < WITHDRAWALS && !HasFailure(); ++round) {
+        INet_Relay::add_client(c_loopback, peer.port());
+        if (random() % 2 == 0) {
+            EXPECT_TRUE(eventually([] { return count_established() == 1; }));
+        }
+        INet_Relay::del_client(c_loopback, peer.port());
+        INet_Relay::add_client(c_loopback, peer.port());
+        EXPECT_TRUE(eventually([] {
+            tick(EPoll::inet_timer);
+            return count_living() == 1 && count_established() == 1;
+        })) << "round "
+            << round;
+        INet_Relay::del_client(c_loopback, peer.port());
+        EXPECT_TRUE(eventually([&] { return is_gone(); })) << "round " << round;
+    }
+    EXPECT_EQ(center.connected.load(), center.disconnected.load());
+}
+
+/// Like a Center whose own thread answers "disconnected" with a withdrawal, while another registers and withdraws too.
+TEST_F(withdrawing, from_the_thread_that_hears_of_the_end_brings_nothing_back) {
+    answering_peer const peer;
+    for (int round = 0; round < WITHDRAWALS && !HasFailure(); ++round) {
+        int const heard_before = center.disconnected.load();
+        INet_Relay::add_client(c_loopback, peer.port());
+        EXPECT_TRUE(eventually([] { return count_established() == 1; }));
+        std::thread consumer([&] {
+            EXPECT_TRUE(eventually([&] { return center.disconnected.load() > heard_before; }));
+            INet_Relay::del_client(c_loopback, peer.port());
+        });
+        {
+            Tesk::OS::class_locker const guard(&EPoll::g_client_lock, nullptr);
+            for (auto const& [destination, rec] : EPoll::g_establish_client_map) {
+                ::shutdown(rec->fd, SHUT_RDWR);
+            }
+        }
+        if (round % 2 == 0) {
+            tick(EPoll::inet_timer); // a retry may be under way when the withdrawal comes
+        }
+        consumer.join();
+        EXPECT_TRUE(eventually([&] { return is_gone(); })) << "round " << round;
+    }
+    EXPECT_EQ(center.connected.load(), center.disconnected.load());
+}
+
+} // namespace
