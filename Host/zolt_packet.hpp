@@ -102,7 +102,7 @@ struct struct_packet {
     /// Turns an undeliverable packet into an error reply that carries the code. True when a reply is due; a packet
     /// for which none is due (heartbeats above all, which are shared) stays untouched and answers false.
     bool backward_error_switch(unsigned int const& error);
-    /// Source and destination of this packet become destination and source of the other.
+    /// Destination and source of the other packet become source and destination of this one; the other stays as it is.
     void set_swap_address(struct_packet* other);
     /// A call or signal becomes the matching acknowledgement.
     void set_swap_acktype();

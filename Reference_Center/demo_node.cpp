@@ -182,6 +182,7 @@ private:
         } else {
             file.emplace(size);
         }
+        tell({{"event", "done"}}); // what arrives before this would not be counted
     }
 
     void advance() {

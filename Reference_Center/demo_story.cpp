@@ -196,10 +196,12 @@ demo_story::verdict demo_story::compare_file(stage_node& receiver, char const* w
 }
 
 demo_story::verdict demo_story::file_over_udp() {
-    beta->command({{"do", "expect_file"},
+    stage.perform(*beta,
+                  {{"do", "expect_file"},
                    {"from", address_text(plan.alpha)},
                    {"bytes", plan.udp_bytes},
-                   {"drop", plan.drop_percent}});
+                   {"drop", plan.drop_percent}},
+                  c_soon);
     auto const begin = steady_clock::now();
     stage.perform(*alpha,
                   {{"do", "send_file"},
@@ -292,7 +294,7 @@ demo_story::verdict demo_story::leave_group() {
 // --- TCP -------------------------------------------------------------------------------------------------------
 
 demo_story::verdict demo_story::file_over_tcp() {
-    beta->command({{"do", "expect_file"}, {"bytes", plan.tcp_bytes}});
+    stage.perform(*beta, {{"do", "expect_file"}, {"bytes", plan.tcp_bytes}}, c_soon);
     auto const begin = steady_clock::now();
     stage.perform(*alpha,
                   {{"do", "send_file"},

@@ -283,10 +283,10 @@ bool struct_packet::backward_error_switch(unsigned int const& error) {
 void struct_packet::set_swap_address(struct_packet* other) {
     constexpr std::size_t end_bytes = at_src_id - at_dst_id;
     std::array<unsigned char, 2 * end_bytes> crossed{};
-    unsigned char const* const mine = get_header();
-    std::memcpy(crossed.data(), mine + at_src_id, end_bytes);
-    std::memcpy(crossed.data() + end_bytes, mine + at_dst_id, end_bytes);
-    std::memcpy(other->get_header() + at_dst_id, crossed.data(), crossed.size());
+    unsigned char const* const theirs = other->get_header();
+    std::memcpy(crossed.data(), theirs + at_src_id, end_bytes);
+    std::memcpy(crossed.data() + end_bytes, theirs + at_dst_id, end_bytes);
+    std::memcpy(get_header() + at_dst_id, crossed.data(), crossed.size());
 }
 
 void struct_packet::set_swap_acktype() {
