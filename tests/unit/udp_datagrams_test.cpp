@@ -138,6 +138,7 @@ TEST_F(udp_receiving, the_center_owns_what_it_took_and_the_next_packet_gets_part
 
 TEST_F(udp_receiving, the_cursor_stands_at_the_header_and_counts_its_bytes) {
     system.fail("recvfrom", 1, EINTR);
+    system.answer("recvfrom", 2, 0);
     expect_error(text("udp_nothing_read"));
     EXPECT_EQ(EPoll::recv_udp(rec), -1);
     EXPECT_EQ(rec->recv_ptr, rec->recv_token.get_header_packet()->get_header());
@@ -643,6 +644,13 @@ TEST_F(udp_sending, information_chooses_its_interface_before_it_is_sent) {
     EXPECT_EQ(send_one(), 0);
     EXPECT_EQ(journal_lines(about::system), (lines{"setsockopt(udp.fd, IPPROTO_IP, IP_MULTICAST_IF, 7f000001)",
                                                    "sendto(udp.fd, 64, 0, 10.1.2.3:7000)"}));
+}
+
+TEST_F(udp_sending, information_chooses_the_interface_of_its_own_socket_whatever_the_packet_says) {
+    open_port(8000, "other");
+    rec->send_q.push_back(packet({.information_udp = true, .dst_port = 8000, .mct_ip = ip("127.0.0.1")}));
+    EXPECT_EQ(send_one(), 0);
+    EXPECT_EQ(system.calls("setsockopt").at(0).descriptor, rec->fd);
 }
 
 TEST_F(udp_sending, information_is_sent_also_when_its_interface_is_refused) {

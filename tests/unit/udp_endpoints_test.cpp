@@ -1,4 +1,5 @@
 // UDP endpoints: how the socket of a port is opened, filed, registered and closed, and the multicast controls.
+#include "tests/support/allocations.hpp"
 #include "tests/unit/udp_fixture.hpp"
 
 #include <cerrno>
@@ -204,6 +205,24 @@ TEST_F(udp_endpoints, a_port_that_somebody_holds_cannot_be_opened) {
     expect_error(text("udp_bind_failed"));
     EXPECT_EQ(EPoll::udp_initialize(local_port(holder)), EADDRINUSE);
     EXPECT_TRUE(EPoll::g_udp_map.empty());
+}
+
+TEST_F(udp_endpoints, an_opening_without_memory_is_undone_and_thrown_on) {
+    long failed = 0;
+    for (bool is_open = false; !is_open; ++failed) {
+        record(false);
+        fail_allocation(failed + 1);
+        try {
+            is_open = EPoll::udp_initialize(0) == 0;
+        } catch (std::bad_alloc const&) {
+            EXPECT_TRUE(EPoll::g_udp_map.empty());
+        }
+        fail_allocation(0);
+        record(true);
+    }
+    EXPECT_GT(failed, 2) << "the record, and its entry";
+    EXPECT_EQ(EPoll::udp_finalize(), 0);
+    // What an attempt had opened is closed: the balance at the end sees descriptors and locks.
 }
 
 TEST_F(udp_endpoints, a_failed_first_registration_is_not_reported) {

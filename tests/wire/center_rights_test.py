@@ -41,6 +41,8 @@ class Rights(unittest.TestCase):
         program = (
             "import socket, subprocess, sys\n"
             "raw = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_UDP)\n"
+            "group = socket.inet_aton('232.0.0.1') + socket.inet_aton('127.0.0.1')\n"
+            "raw.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group)\n"
             "sent = subprocess.run(sys.argv[1:], input=sys.stdin.buffer.read(), stderr=subprocess.PIPE)\n"
             "raw.setblocking(False)\n"
             "while True:\n"
@@ -62,6 +64,12 @@ class Rights(unittest.TestCase):
             self.assertEqual((address, ports), (bytes([127, 0, 0, 9]), b"\x1b\x58\x1b\x58"))
             read = support.Packet(payload[:support.HEADER_SIZE], payload[support.HEADER_SIZE:])
             self.assertEqual((read.data, read.sequence, read.kind), (line, number, support.DATA))
+
+    def test_over_a_network_show_multicast(self):
+        seen = self.sniff("--to", "232.0.0.1:7000", "--interface", "127.0.0.1", data=b"all")
+        self.assertEqual([packet[16:20] for packet in seen], [bytes([232, 0, 0, 1])])
+        read = support.Packet(seen[0][28:28 + support.HEADER_SIZE], seen[0][28 + support.HEADER_SIZE:])
+        self.assertEqual((read.data, read.kind, read.flags), (b"all", support.INFORMATION_UDP, support.MULTICAST))
 
     def test_over_a_network_let_a_failed_datagram_count(self):
         # Nothing leads to that address.

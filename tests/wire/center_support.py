@@ -11,6 +11,8 @@ import time
 import unittest
 
 PROGRAM = ""
+# A thread sanitizer has a thread of its own, and a process with two threads cannot take a user namespace.
+PREFIX = ("unshare", "--user", "--map-root-user") if os.environ.get("CENTER_NEEDS_ROOT") and os.geteuid() else ()
 DEADLINE = 60
 SKIPPED = 77
 
@@ -18,7 +20,8 @@ HEADER = struct.Struct(">4sHHBBHIIIIHHIHHQQQQ")
 HEADER_SIZE = 72
 BLOCK_SIZE = 1024
 NO_TIMEOUT = 2**64 - 1
-DATA, CALL, CALL_ACKNOWLEDGEMENT, HEARTBEAT = 0, 1, 3, 5
+DATA, CALL, CALL_ACKNOWLEDGEMENT, HEARTBEAT, INFORMATION_UDP = 0, 1, 3, 5, 8
+MULTICAST = 2
 
 
 def main():
@@ -39,7 +42,7 @@ def call(*arguments, wrapper=(), **options):
     options.setdefault("stdout", subprocess.PIPE)
     if "input" in options:
         del options["stdin"]
-    return subprocess.run([*wrapper, PROGRAM, *map(str, arguments)], stderr=subprocess.PIPE, timeout=DEADLINE,
+    return subprocess.run([*(wrapper or PREFIX), PROGRAM, *map(str, arguments)], stderr=subprocess.PIPE, timeout=DEADLINE,
                           check=False, **options)
 
 
@@ -49,7 +52,7 @@ class Running:
     def __init__(self, *arguments, **options):
         options.setdefault("stdin", subprocess.DEVNULL)
         options.setdefault("stderr", subprocess.PIPE)
-        self.process = subprocess.Popen([PROGRAM, *map(str, arguments)], stdout=subprocess.PIPE, **options)
+        self.process = subprocess.Popen([*PREFIX, PROGRAM, *map(str, arguments)], stdout=subprocess.PIPE, **options)
         self.pid = self.process.pid
         self.text = {"stdout": b"", "stderr": b""}
 

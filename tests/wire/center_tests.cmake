@@ -11,12 +11,18 @@ if(INET_RELAY_SANITIZE OR INET_RELAY_COVERAGE)
   set(center_demo_sizes "--udp-size 1M --tcp-size 4M")
 endif()
 
+set(center_needs_root "")
+if(INET_RELAY_SANITIZE MATCHES thread)
+  set(center_needs_root "CENTER_NEEDS_ROOT=1")
+endif()
+
 # Further arguments: the test classes of the file to run; all without. 77: not possible here.
 function(center_test name file)
   add_test(NAME wire.${name} COMMAND
     ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${file}.py $<TARGET_FILE:zolt-center> ${ARGN})
   set_tests_properties(wire.${name} PROPERTIES
-    LABELS wire TIMEOUT 300 SKIP_RETURN_CODE 77 ENVIRONMENT "CENTER_DEMO_SIZES=${center_demo_sizes}")
+    LABELS wire TIMEOUT 300 SKIP_RETURN_CODE 77
+    ENVIRONMENT "CENTER_DEMO_SIZES=${center_demo_sizes};${center_needs_root}")
 endfunction()
 
 center_test(center_usage center_usage_test)

@@ -188,6 +188,14 @@ class Listen(Traffic):
         self.repeat_until_end(listener, port, support.make_packet(b"x" * 100))
         self.assertEqual(self.expect_end(listener)[0], b"x" * 100)
 
+    def test_joins_a_group_for_its_source(self):
+        listener, port = self.listen("--count", 1, "--group", "232.0.0.1", "--source", "127.0.0.1",
+                                     "--interface", "127.0.0.1")
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("127.0.0.1"))
+            sender.sendto(support.make_packet(b"to the group"), ("232.0.0.1", port))
+        self.assertEqual(self.expect_end(listener)[0], b"to the group")
+
     def test_that_gets_too_few_is_a_failure(self):
         listener, port = self.listen("--count", 2, "--seconds", 0.5)
         self.datagrams(port, support.make_packet(b"one"))
@@ -285,6 +293,28 @@ class Run(Traffic):
         self.assertEqual((events[0]["pid"], events[0]["listen"]), (center.pid, [port]))
         self.assertEqual((events[1]["peer"], events[1]["over"]), (address, "accepted"))
         self.assertTrue(events[3]["packets"]["balances"])
+
+    def test_folds_what_the_relay_repeats(self):
+        center, port = self.run_center()
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            sender.sendto(b"short", ("127.0.0.1", port))
+            center.wait_for("stderr", "warning relay: recd_len!= recv_len\n")
+            for _ in range(20):
+                sender.sendto(b"short", ("127.0.0.1", port))
+        center.signal(signal.SIGTERM)
+        _, errors = self.expect_end(center)
+        self.assertEqual(errors.count("recd_len"), 2, errors)
+        self.assertRegex(errors, r"warning relay: recd_len!= recv_len \(held back \d+ times\)\n")
+
+    def test_says_as_much_as_is_wanted(self):
+        for option, shown in (("--verbose", (True, True)), ("--quiet", (False, False)), (None, (True, False))):
+            center, port = self.run_center(*([option] if option else []))
+            with support.Peer.connect(port) as peer:
+                peer.send(b"call", kind=support.CALL)
+                peer.receive()
+            center.signal(signal.SIGTERM)
+            _, errors = self.expect_end(center)
+            self.assertEqual((" connected " in errors, "debug relay: " in errors), shown, option)
 
     def test_connects_again_to_a_peer_that_was_killed(self):
         with socket.create_server(("127.0.0.1", 0)) as server:

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <system_error>
 #include <utility>
 
 #include <arpa/inet.h>
@@ -33,7 +34,7 @@ struct not_possible {
 
 void must(bool worked, std::string const& what) {
     if (!worked) {
-        throw not_possible{what + ": " + std::strerror(errno)};
+        throw not_possible{what + ": " + std::generic_category().message(errno)};
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include <sys/wait.h>
@@ -57,7 +58,7 @@ bool serve_far_end(message_pipe const& near_end) {
     return is_fine;
 }
 
-message_pipe const* g_far_end = nullptr;
+std::optional<message_pipe> g_far_end; ///< while the tests run
 
 class udp_hosts : public testing::Test {
 protected:
@@ -133,8 +134,10 @@ TEST_F(udp_hosts, a_group_that_was_left_is_silent) {
 
 /// The tests' verdict; the far process learns from the end of the pipe that it may go.
 int run_near_end(message_pipe far_end) {
-    g_far_end = &far_end;
-    return RUN_ALL_TESTS();
+    g_far_end.emplace(std::move(far_end));
+    int const verdict = RUN_ALL_TESTS();
+    g_far_end.reset();
+    return verdict;
 }
 
 bool ended_well(pid_t process) {
