@@ -107,7 +107,9 @@ TEST_F(churn, leaves_nothing_and_takes_no_memory_for_good) {
     EXPECT_TRUE(eventually([&] { return is_gone(); }));
     EXPECT_EQ(center.connected.load(), CHURN_CONNECTIONS);
     EXPECT_EQ(center.disconnected.load(), CHURN_CONNECTIONS);
-    EXPECT_LT(resident_bytes() - after_first_part, 8 << 20) << "seed " << c_seed;
+    if (CHURN_MEMORY_SHOWS) { // a sanitizer keeps freed memory back
+        EXPECT_LT(resident_bytes() - after_first_part, 8 << 20) << "seed " << c_seed;
+    }
 }
 
 /// A node that accepts, answers the exchange and resets whatever ends; it works by itself until destroyed.

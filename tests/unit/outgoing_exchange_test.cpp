@@ -654,7 +654,7 @@ TEST_F(real_exchange, whose_peer_closes_after_the_withdrawal_leaves_nothing) {
 
 TEST_F(real_exchange, with_a_silent_peer_ends_at_the_time_out) {
     take_block();
-    ASSERT_TRUE(wait_for_lines("epoll_ctl", 4)); // the fourth asks for the answer, after the clock of the block was noted
+    ASSERT_TRUE(wait_for_lines("epoll_ctl", 4)); // the fourth asks for the answer: the block is stamped
     advance_clock(c_timeout + 1);
     EPoll::timer_cancel_connect(Tesk::OS::lemon_clock());
     EXPECT_TRUE(wait_for_lines("EPoll::failed_connect_init", 1));

@@ -450,6 +450,16 @@ TEST_F(reaping, cuts_a_withdrawn_connection_that_its_peer_keeps_open) {
     expect_cut_after_time_out(EPoll::timer_shutdown_client, "rec.fd");
 }
 
+TEST_F(reaping, cuts_a_connection_that_was_withdrawn_before_it_was_established) {
+    tcp_record* const rec = awaiting_answer("rec");
+    EPoll::g_remote_server_map[at_port()] = 1;
+    INet_Relay::del_client(Zolt::c_local_host, c_port);
+    write_bytes(peer_of(rec), init_block(1, 7000));
+    ASSERT_EQ(EPoll::recv_client_init(rec), 0);
+    rec->recv_clock = c_now + c_timeout + 1;
+    expect_cut_after_time_out(EPoll::timer_shutdown_client, "rec.fd");
+}
+
 TEST_F(reaping, leaves_what_waits_for_acknowledgement_on_an_outgoing_connection_alone) {
     tcp_record* const rec = established("rec");
     rec->ack_q.push_back(make_token({.call = true}));

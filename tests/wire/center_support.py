@@ -67,12 +67,16 @@ class Running:
         if self.process.stderr is not None:
             self.process.stderr.close()
 
-    def wait_for(self, stream, text, deadline=DEADLINE):
+    def wait_for(self, stream, text):
         """Reads until the text has appeared; gives everything that was read."""
+        return self.wait_for_count(stream, text, 1)
+
+    def wait_for_count(self, stream, text, count, deadline=DEADLINE):
+        """The same for a text that appears that often."""
         wanted = text.encode()
         end = time.monotonic() + deadline
         pipe = getattr(self.process, stream)
-        while wanted not in self.text[stream]:
+        while self.text[stream].count(wanted) < count:
             readable, _, _ = select.select([pipe], [], [], max(0, end - time.monotonic()))
             piece = os.read(pipe.fileno(), 65536) if readable else b""
             if not piece:

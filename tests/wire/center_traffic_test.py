@@ -296,15 +296,31 @@ class Run(Traffic):
 
     def test_folds_what_the_relay_repeats(self):
         center, port = self.run_center()
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
-            sender.sendto(b"short", ("127.0.0.1", port))
-            center.wait_for("stderr", "warning relay: recd_len!= recv_len\n")
-            for _ in range(20):
-                sender.sendto(b"short", ("127.0.0.1", port))
+        for _ in range(3):
+            with support.Peer.connect(port) as peer:
+                address = "127.0.0.1:%d" % peer.connection.getsockname()[1]
+            center.wait_for("stderr", f" disconnected {address} ")
         center.signal(signal.SIGTERM)
         _, errors = self.expect_end(center)
-        self.assertEqual(errors.count("recd_len"), 2, errors)
-        self.assertRegex(errors, r"warning relay: recd_len!= recv_len \(held back \d+ times\)\n")
+        told = [line.split(" ", 1)[1] for line in errors.splitlines() if "recv server" in line]
+        self.assertEqual(told, ["warning relay: recv server 에러", "warning relay: recv server 에러 (held back 2 times)"])
+
+    def test_counts_what_the_relay_drops_on_a_busy_connection(self):
+        center, port = self.run_center("--echo", "--verbose")
+        with support.Peer.connect(port) as peer:
+            # The peer reads nothing yet, so the answers wait; information does not wait behind others.
+            for _ in range(16):
+                peer.send(bytes(1_000_000))
+            for _ in range(5):
+                peer.send(b"news", kind=support.INFORMATION_UDP)
+            # Every answer but that to the call has been handed over once there are so many traces of it.
+            center.wait_for_count("stderr", "tcp send server", 21)
+            peer.send(kind=support.CALL)
+            answers = [peer.receive().kind for _ in range(17)]
+            center.signal(signal.SIGTERM)
+            handed_over, written, returned, dropped, failed, queued = self.expect_sum(center)
+        self.assertEqual(answers, [support.DATA] * 16 + [support.CALL_ACKNOWLEDGEMENT])
+        self.assertEqual((handed_over, written, returned, dropped, failed, queued), (22, 17, 0, 5, 0, 0))
 
     def test_says_as_much_as_is_wanted(self):
         for option, shown in (("--verbose", (True, True)), ("--quiet", (False, False)), (None, (True, False))):

@@ -231,6 +231,7 @@ void close_established(struct_epoll_overlapped_tcp* rec) HOST_REQUIRES(g_client_
 /// The marker waits until the connection is established; an exchange that is sending fails at its next write.
 void close_connecting(struct_epoll_overlapped_tcp* rec) HOST_REQUIRES(g_client_lock) {
     stamp(rec->send_clock, Tesk::OS::lemon_clock());
+    begin_ending(g_outgoing_ending, rec);
     Tesk::OS::class_locker const guard(rec->send_lock, nullptr);
     rec->close_requested = true;
     rec->sending = true;
