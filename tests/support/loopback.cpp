@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <random>
 #include <utility>
 
 #include <arpa/inet.h>
@@ -91,13 +92,26 @@ descriptor bind_loopback_udp() {
     return bound(SOCK_DGRAM, 0);
 }
 
+namespace {
+
+/// True when nothing on this machine, at whatever address, stands in the way of serving the port.
+bool is_free(int type, std::uint16_t port) {
+    descriptor const socket(__real_socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    sockaddr_in address = loopback_address(port);
+    address.sin_addr.s_addr = INADDR_ANY;
+    return __real_bind(socket.get(), plain(address), sizeof address) == 0;
+}
+
+} // namespace
+
 std::uint16_t unused_port() {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        descriptor const tcp = bound(SOCK_STREAM, 0);
-        std::uint16_t const port = local_port(tcp);
-        descriptor const udp(__real_socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in const address = loopback_address(port);
-        if (__real_bind(udp.get(), plain(address), sizeof address) == 0) {
+    // Below the range from which the kernel serves connections that name no port, so that none takes it meanwhile.
+    constexpr std::uint16_t c_first = 10000;
+    constexpr std::uint16_t c_count = 20000;
+    static std::mt19937 random{std::random_device{}()};
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        auto const port = static_cast<std::uint16_t>(c_first + random() % c_count);
+        if (is_free(SOCK_STREAM, port) && is_free(SOCK_DGRAM, port)) {
             return port;
         }
     }

@@ -36,7 +36,6 @@ struct host_state {
     std::function<int(packet_fields const&)> decide;
     std::vector<center_offer> offers;
     std::vector<Zolt::struct_token> taken;
-    char ip_text[16] = "";
 };
 
 host_state& state() {
@@ -368,19 +367,16 @@ int fflag_off(int descriptor, int flag) {
 
 namespace Tesk::INet {
 
-// One buffer for everybody, overwritten by each call: a text that is kept shows as a wrong one. While recording is off
-// each thread has its own, because several may ask at once.
+// One buffer a thread, overwritten by each of its calls: a text that is kept shows as a wrong one.
 char const* str_from_ip(unsigned int ip) {
     using namespace relay_test;
     errno_guard const keep;
     note(about::text, "", "str_from_ip", hex(ip));
-    thread_local char own_text[16];
-    char* const text = recording() ? state().ip_text : own_text;
+    thread_local char text[16];
     unsigned char part[4];
     std::memcpy(part, &ip, sizeof part);
     std::string const dotted = std::to_string(part[0]) + "." + std::to_string(part[1]) + "." + std::to_string(part[2]) +
                                "." + std::to_string(part[3]);
-    std::lock_guard const hold(state().guard);
     std::memcpy(text, dotted.c_str(), dotted.size() + 1);
     return text;
 }

@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import random
 import select
 import socket
 import struct
@@ -119,8 +120,22 @@ def bind_both(port):
 
 
 def free_port():
-    """A port that the kernel just gave away over TCP, and that is free over UDP too."""
-    return next(port for port in iter(lambda: bind_both(0), ()) if port)
+    """A port that is free over TCP and UDP, below the range from which the kernel serves those who name none."""
+    return next(port for port in iter(lambda: bind_both(random.randrange(10000, 30000)), ()) if port)
+
+
+def start_on_port(arguments, stream, text, **options):
+    """The program with arguments(port) once it has said so, and the port; another port when somebody was quicker."""
+    while True:
+        port = free_port()
+        program = Running(*arguments(port), **options)
+        try:
+            program.wait_for(stream, text)
+            return program, port
+        except AssertionError:
+            with program:
+                if program.process.wait(DEADLINE) != 4:
+                    raise
 
 
 def make_packet(data=b"", kind=DATA, flags=0, sequence=0, code=0, version=1):

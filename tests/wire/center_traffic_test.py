@@ -23,18 +23,12 @@ def noise(size):
 
 def listening(*options):
     """A listener that is ready, and its port."""
-    port = support.free_port()
-    listener = support.Running("listen", "--port", port, *options)
-    listener.wait_for("stderr", "ready")
-    return listener, port
+    return support.start_on_port(lambda port: ["listen", "--port", port, *options], "stderr", "ready")
 
 
 def running(*options):
     """A Center that is ready, and its port."""
-    port = support.free_port()
-    center = support.Running("run", "--listen", port, *options)
-    center.wait_for("stdout", "\n")
-    return center, port
+    return support.start_on_port(lambda port: ["run", "--listen", port, *options], "stdout", "\n")
 
 
 class Traffic(unittest.TestCase):
@@ -214,16 +208,11 @@ class Listen(Traffic):
         self.expect_end(listener)
 
     def test_ends_when_nobody_reads_it(self):
-        reading, writing = os.pipe()
-        port = support.free_port()
-        with os.fdopen(writing, "wb") as pipe, support.Running("listen", "--port", port) as listener:
-            del pipe
-            listener.wait_for("stderr", "ready")
-            listener.process.stdout.close()
-            os.close(reading)
-            self.datagrams(port, support.make_packet(b"nobody"))
-            self.assertIn("cannot write to standard output: Broken pipe", listener.wait_for("stderr", "zolt-center:"))
-            self.assertEqual(listener.process.wait(support.DEADLINE), 1)
+        listener, port = self.listen()
+        listener.process.stdout.close()
+        self.datagrams(port, support.make_packet(b"nobody"))
+        listener.wait_for("stderr", "zolt-center: cannot write to standard output: Broken pipe\n")
+        self.assertEqual(listener.process.wait(support.DEADLINE), 1)
 
 
 class Run(Traffic):
@@ -236,10 +225,9 @@ class Run(Traffic):
         return numbers
 
     def test_says_in_one_line_that_it_is_ready(self):
-        port = support.free_port()
-        with support.Running("run", "--listen", port, "--connect", "127.0.0.1:9") as center:
-            self.assertEqual(center.wait_for("stdout", "\n"),
-                             f"ready; serving {port} over UDP and TCP; connecting to 127.0.0.1:9\n")
+        center, port = self.run_center("--connect", "127.0.0.1:9")
+        self.assertEqual(center.text["stdout"].decode(),
+                         f"ready; serving {port} over UDP and TCP; connecting to 127.0.0.1:9\n")
 
     def test_ends_well_on_both_signals(self):
         for number in (signal.SIGINT, signal.SIGTERM):
@@ -308,7 +296,8 @@ class Run(Traffic):
     def test_counts_what_the_relay_drops_on_a_busy_connection(self):
         center, port = self.run_center("--echo", "--verbose")
         with support.Peer.connect(port) as peer:
-            # The peer reads nothing yet, so the answers wait; information does not wait behind others.
+            # The peer reads nothing yet and has little room, so the answers wait; information does not wait behind others.
+            peer.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
             for _ in range(16):
                 peer.send(bytes(1_000_000))
             for _ in range(5):

@@ -153,9 +153,8 @@ class Configuration(Command):
 
     def count_waiting_connections(self, *options, **more):
         """How many connections the kernel makes for a Center that does not run on."""
-        port = support.free_port()
-        with support.Running("run", "--listen", port, *options, **more) as center:
-            center.wait_for("stdout", "ready")
+        center, port = support.start_on_port(lambda port: ["run", "--listen", port, *options], "stdout", "ready", **more)
+        with center:
             center.signal(signal.SIGSTOP)
             os.waitid(os.P_PID, center.pid, os.WSTOPPED | os.WNOWAIT)
             sockets = [socket.socket() for _ in range(8)]
