@@ -229,7 +229,7 @@ class TakenPort(Command):
 
     def test_is_waited_for(self):
         holder = self.taken(socket.SOCK_DGRAM)
-        with support.Running("run", "--listen", holder.getsockname()[1], "--wait-port", 30) as center:
+        with support.Running("run", "--listen", holder.getsockname()[1], "--wait-port", 600) as center:
             center.wait_for("stderr", f"waiting for port {holder.getsockname()[1]}, which ")
             holder.close()
             center.wait_for("stdout", "ready")
