@@ -3,7 +3,6 @@
 #include "Center/INet_Relay/EPoll/inet_relay_epoll.hpp"
 #include "Reference_Center/configuration.hpp"
 #include "Reference_Center/failure.hpp"
-#include "Reference_Center/leftovers.hpp"
 #include "Reference_Center/output.hpp"
 #include "Reference_Center/port_holder.hpp"
 #include "Reference_Host/inbox.hpp"
@@ -160,7 +159,7 @@ void center::stop() {
         Center::INet_Relay::finalize();
         // What is queued now counts as queued; that it is freed below is no outcome.
         close_hand_over_book();
-        clear_leftovers();
+        Center::INet_Relay::clear_leftovers();
         stopped.set_value();
     });
     if (end.wait_for(plan.stop_timeout) != std::future_status::ready) {

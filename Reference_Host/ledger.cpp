@@ -227,6 +227,10 @@ std::vector<std::string> take_ledger_reports() {
     return get_ledger().take_reports();
 }
 
+void release_held_back() {
+    get_ledger().let_go_all();
+}
+
 void* obtain_block(recycler_bin bin, std::uint64_t data_size) {
     return get_ledger().make(bin, block_bytes(bin, data_size));
 }

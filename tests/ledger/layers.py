@@ -10,6 +10,8 @@ import tree
 
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*(?:"(?P<quoted>[^"]+)"|<(?P<angled>[^>]+)>)', re.MULTILINE)
 TABLE = "tests/ledger/layers.txt"
+ENGINE_HEADER = "Center/INet_Relay/EPoll/epoll.hpp"
+ENGINE_NAME = re.compile(r"\bEPoll\b")
 
 
 def rows(root):
@@ -40,6 +42,14 @@ def resolves(root, path, name):
     return any((start / name).is_file() for start in starts)
 
 
+def engine_names(path, text, allowed):
+    """Whoever may not include the engine's headers may not write down its names instead."""
+    if path.parts[0] == "Center" or allows_quoted(allowed, path, ENGINE_HEADER):
+        return
+    for match in ENGINE_NAME.finditer(text):
+        yield f"{path}:{tree.line_of(text, match.start())}: may not name what is the engine's"
+
+
 def check_file(root, path, allowed):
     text = tree.without_comments(tree.read(root, path), keep_strings=True)
     for match in INCLUDE.finditer(text):
@@ -61,6 +71,7 @@ def findings(root):
             yield f"{path}: no row of {TABLE} speaks of this file"
         else:
             yield from check_file(root, path, allowed)
+            yield from engine_names(path, tree.without_comments(tree.read(root, path)), allowed)
 
 
 if __name__ == "__main__":

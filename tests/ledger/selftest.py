@@ -10,6 +10,8 @@ import tempfile
 import unittest
 from pathlib import Path
 
+import callers
+import held_by
 import house_rules
 import layers
 import tree
@@ -40,7 +42,7 @@ class PlantedInTree(unittest.TestCase):
         self.assertTrue(any(all(part in line for part in parts) for line in found), found)
 
     def test_the_copy_itself_is_clean(self):
-        for check in (layers, house_rules):
+        for check in (layers, house_rules, callers):
             self.assertEqual(list(check.findings(self.root)), [])
 
     def test_a_finding_ends_the_check_with_1_and_none_with_0(self):
@@ -57,6 +59,8 @@ class PlantedInTree(unittest.TestCase):
             ("Reference_Center/main.cpp", f'  #  include "{RELAY}/epoll.hpp"\n', "may not include"),
             ("tests/second_host/peek.cpp", f'#include "{RELAY}/epoll_overlapped.hpp"\n', "may not include"),
             ("Host/tesk_os.hpp", '#include "tesk_inet.hpp"\n', "is not written from the root"),
+            ("Reference_Center/peek.hpp", "namespace Zolt::Center::INet_Relay::EPoll {}\n", "what is the engine's"),
+            ("tests/wire/peek.cpp", "auto& peek = EPoll::g_udp_map;\n", "what is the engine's"),
             ("tests/nowhere/new.cpp", "\n", "no row"),
         )
         for path, text, finding in planted:
@@ -67,6 +71,7 @@ class PlantedInTree(unittest.TestCase):
 
     def test_a_comment_is_no_include(self):
         self.plant("Host/tesk_inet.hpp", f'// #include "{RELAY}/epoll.hpp"\n/*\n#include <x/y.h>\n*/\n')
+        self.plant("tests/wire/far.cpp", f'#include "{RELAY}/inet_relay_epoll.hpp" // not EPoll::arm\n')
         self.assertEqual(list(layers.findings(self.root)), [])
 
     def test_house_rules(self):
@@ -101,6 +106,69 @@ class PlantedInTree(unittest.TestCase):
     def test_what_only_looks_like_a_system_call(self):
         self.plant(f"{RELAY}/epoll.cpp", "// close(3)\nvoid probe(door* it) { it->close(3); EPoll::accept(it); }\n")
         self.assertEqual(list(house_rules.findings(self.root)), [])
+
+    def test_callers(self):
+        call = "Common::Global::send_zolt_center(token);"
+        planted = (
+            ("epoll.cpp", f"void probe(struct_token& token) {{\n    {call}\n}}\n", "1 mention(s) in epoll.cpp:probe"),
+            ("epoll.hpp", "auto* const probe = Common::Global::send_zolt_center;\n", "in epoll.hpp:outside"),
+            ("epoll.cpp", "auto const probe = [](struct_token& token) { offer(token); };\n", "in epoll.cpp:outside"),
+            ("epoll_udp_method.cpp", "int probe(int fd) {\n    return ::send(fd, nullptr, 0, 0);\n}\n", "::send: 1"),
+        )
+        for path, text, finding in planted:
+            with self.subTest(path=path):
+                self.setUp()
+                self.plant(f"{RELAY}/{path}", text)
+                self.expect(callers, finding)
+
+    def test_a_call_more_and_less_in_a_listed_function(self):
+        call = "Tesk::OS::thread_yield();"
+        source = self.root / RELAY / "epoll_tcp_method.cpp"
+        before = source.read_text(encoding="utf-8")
+        for changed, found in ((call + call, 2), ("", 0)):
+            source.write_text(before.replace(call, changed), encoding="utf-8")
+            self.expect(callers, f"thread_yield: {found} mention(s) in epoll_tcp_method.cpp:delete_overlapped")
+
+    def test_what_only_looks_like_a_call(self):
+        self.plant(f"{RELAY}/epoll.cpp", '// send_zolt_center\nauto a = "rtsleep";\nint offers;\n')
+        self.assertEqual(list(callers.findings(self.root)), [])
+
+
+class PlantedInDecisions(unittest.TestCase):
+    """A page of decisions beside a few tests."""
+
+    FILES = {
+        "tests/unit/a_test.cpp": "TEST_F(suite, holds) {\n}\nTEST_P(suite, holds_each) {\n}\n// TEST(suite, gone)\n",
+        "tests/wire/a_test.py": "class Peer:\n    def test_talks(self):\n        pass\n",
+        "tests/CMakeLists.txt": "add_test(NAME hosts.far COMMAND far)\nfunction(kind name)\n"
+                                "  add_test(NAME kind.${name} COMMAND ${name})\nendfunction()\nkind(one)\n",
+    }
+
+    def check(self, page):
+        with tempfile.TemporaryDirectory() as folder:
+            for name, text in {**self.FILES, held_by.PAGE: page}.items():
+                path = Path(folder) / name
+                path.parent.mkdir(parents=True, exist_ok=True)
+                path.write_text(text, encoding="utf-8")
+            return list(held_by.findings(folder))
+
+    def test_names_that_are_there(self):
+        names = ("`suite.holds`, `suite.holds_each`,\n    `Peer.test_talks`, `hosts.far`, `kind.one`, "
+                 "`tests/CMakeLists.txt`.")
+        self.assertEqual(self.check(f"1. **One.** Text\n    of it.\n    Held by: {names}\n\n## Next\n\n"
+                                    "2. **Two.** Text.\n    Held by: nothing; only a stopwatch would see it.\n"), [])
+
+    def test_names_that_are_not(self):
+        for name in ("suite.gone", "suite.holds_all", "Peer.test_listens", "kind.two", "hosts.near", "tests/none.py"):
+            found = self.check(f"1. **One.** Text.\n    Held by: `suite.holds`, `{name}`.\n2. **Two.** Text.\n"
+                               "    Held by: `suite.holds`.\n")
+            self.assertEqual(found, [f"{held_by.PAGE}: 1: {name}: there is no such test"])
+
+    def test_an_entry_that_says_nothing(self):
+        for entry in ("Text.", "Text.\n    Held by: somebody.", "Text.\n    Held by: nothing."):
+            found = self.check(f"1. **One.** {entry}\n2. **Two.** Text.\n    Held by: `suite.holds`.\n")
+            self.assertEqual(len(found), 1, found)
+            self.assertIn(f"{held_by.PAGE}: 1: ", found[0])
 
 
 class PlantedInLedger(unittest.TestCase):

@@ -22,6 +22,7 @@ struct engine_state {
     std::mutex guard;
     std::map<std::string, engine_stand_in> stand_ins;
     std::map<std::string, std::vector<void const*>> calls;
+    std::map<std::string, std::vector<std::optional<int>>> results; ///< one for each of the calls
 };
 
 engine_state& state() {
@@ -60,12 +61,25 @@ std::string shown(unsigned long number) {
     return std::to_string(number);
 }
 
-engine_stand_in take_call(char const* name, void* record) {
+struct taken_call {
+    std::size_t number; ///< among those of its name, from 0
+    engine_stand_in stand_in;
+};
+
+taken_call take_call(char const* name, void* record) {
     engine_state& s = state();
     std::lock_guard const hold(s.guard);
-    s.calls[name].push_back(record);
+    auto& calls = s.calls[name];
+    calls.push_back(record);
+    s.results[name].resize(calls.size());
     auto const found = s.stand_ins.find(name);
-    return found == s.stand_ins.end() ? nullptr : found->second;
+    return {calls.size() - 1, found == s.stand_ins.end() ? nullptr : found->second};
+}
+
+void keep_result(char const* name, std::size_t number, int result) {
+    engine_state& s = state();
+    std::lock_guard const hold(s.guard);
+    s.results[name].at(number) = result;
 }
 
 // A null result of take_call, or a stand-in that wants the real function this time.
@@ -81,18 +95,26 @@ result intercept(char const* name, result (*real)(parameter...), parameter... ar
                    call_text(std::string("EPoll::") + name, shown(arguments)...));
     }
     void* const record = first_record(arguments...);
-    if (engine_stand_in const stand_in = take_call(name, record)) {
+    taken_call const taken = take_call(name, record);
+    if (taken.stand_in) {
         try {
-            int const answer = stand_in(record);
+            int const answer = taken.stand_in(record);
             if constexpr (std::is_void_v<result>) {
                 return;
             } else {
+                keep_result(name, taken.number, answer);
                 return answer;
             }
         } catch (go_on const&) {
         }
     }
-    return real(static_cast<parameter>(arguments)...);
+    if constexpr (std::is_void_v<result>) {
+        return real(static_cast<parameter>(arguments)...);
+    } else {
+        result const answer = real(static_cast<parameter>(arguments)...);
+        keep_result(name, taken.number, answer);
+        return answer;
+    }
 }
 
 } // namespace
@@ -169,6 +191,7 @@ engine_calls::~engine_calls() {
     engine_state& s = state();
     std::lock_guard const hold(s.guard);
     s.calls.clear();
+    s.results.clear();
 }
 
 void engine_calls::on(std::string const& name, engine_stand_in stand_in) {
@@ -216,6 +239,14 @@ std::vector<void const*> engine_calls::records(std::string const& name) const {
     std::lock_guard const hold(s.guard);
     auto const found = s.calls.find(name);
     return found == s.calls.end() ? std::vector<void const*>() : found->second;
+}
+
+std::vector<std::optional<int>> engine_calls::results(std::string const& name) const {
+    check_name(name);
+    engine_state& s = state();
+    std::lock_guard const hold(s.guard);
+    auto const found = s.results.find(name);
+    return found == s.results.end() ? std::vector<std::optional<int>>() : found->second;
 }
 
 } // namespace relay_test

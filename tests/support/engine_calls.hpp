@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,8 @@ public:
     std::size_t count(std::string const& name) const;
     /// The first arguments of the calls so far.
     std::vector<void const*> records(std::string const& name) const;
+    /// What the calls so far returned; nothing for those that have not, threw, or have no result.
+    std::vector<std::optional<int>> results(std::string const& name) const;
 };
 
 /// Names of all functions that are interposed.

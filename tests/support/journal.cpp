@@ -308,11 +308,24 @@ std::string hex(unsigned long value) {
     return "0x" + std::string(digits, end);
 }
 
-errno_guard::errno_guard() : saved(errno) {}
+namespace {
+
+constinit thread_local int t_host_depth = 0;
+
+} // namespace
+
+errno_guard::errno_guard() : saved(errno) {
+    ++t_host_depth;
+}
 
 errno_guard::~errno_guard() {
+    --t_host_depth;
     int const spoiled = g_spoiled_errno.load(std::memory_order_relaxed);
     errno = spoiled == -1 ? saved : spoiled;
+}
+
+bool in_host_operation() {
+    return t_host_depth != 0;
 }
 
 void spoil_errno(int value) {

@@ -152,6 +152,8 @@ public:
 private:
     int saved;
 };
+/// True on a thread that is inside an operation of the scripted host, the clocks excepted.
+bool in_host_operation();
 /// From now on every host operation leaves this in errno; -1: leaves errno alone.
 void spoil_errno(int value);
 

@@ -88,6 +88,10 @@ descriptor listen_loopback(int backlog) {
     return socket;
 }
 
+descriptor bind_loopback_tcp() {
+    return bound(SOCK_STREAM, 0);
+}
+
 descriptor bind_loopback_udp() {
     return bound(SOCK_DGRAM, 0);
 }

@@ -31,6 +31,8 @@ private:
 
 /// A TCP listener on 127.0.0.1, and its port.
 descriptor listen_loopback(int backlog = 16);
+/// A TCP socket on 127.0.0.1 that refuses connects for as long as it does not listen.
+descriptor bind_loopback_tcp();
 /// A bound UDP socket on 127.0.0.1.
 descriptor bind_loopback_udp();
 /// A port that no socket holds now, free for TCP and UDP alike.

@@ -111,6 +111,7 @@ struct packet_book {
     unsigned tokens = 0;
     std::set<void const*> allowed;
     std::deque<allocation> allocations;
+    std::deque<allocation> header_allocations;
     std::deque<bool> timeouts;
     std::deque<bool> error_replies;
 };

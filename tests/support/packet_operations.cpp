@@ -59,6 +59,10 @@ struct_token::struct_token() : node(nullptr) {
 
 void struct_token::alloc_header_force() {
     errno_guard const keep;
+    if (next_of(book().header_allocations, allocation::works) != allocation::works) {
+        note_token(this, node, about::packet, "alloc_header_force");
+        throw std::bad_alloc();
+    }
     if (node == nullptr || !usable(node, "alloc_header_force")) {
         node = make_node("alloc_header_force");
     }

@@ -204,6 +204,12 @@ void script_alloc_data(std::vector<allocation> next) {
     b.allocations.assign(next.begin(), next.end());
 }
 
+void script_alloc_headers(std::vector<allocation> next) {
+    packet_book& b = book();
+    std::lock_guard const hold(b.guard);
+    b.header_allocations.assign(next.begin(), next.end());
+}
+
 void script_timeouts(std::vector<bool> next) {
     packet_book& b = book();
     std::lock_guard const hold(b.guard);
@@ -235,6 +241,7 @@ void reset_packets() {
     b.headers = b.data_parts = b.tokens = 0;
     b.allowed.clear();
     b.allocations.clear();
+    b.header_allocations.clear();
     b.timeouts.clear();
     b.error_replies.clear();
     set_header_size(64);

@@ -83,6 +83,8 @@ void allow_left(Zolt::struct_token const& token, std::string reason);
 /// The next calls of alloc_data fail: by a non-zero result, or by std::bad_alloc.
 enum class allocation { works, refused, throws };
 void script_alloc_data(std::vector<allocation> next);
+/// The same for alloc_header_force, which has no result: it works or throws.
+void script_alloc_headers(std::vector<allocation> next);
 /// Answers of the next calls of update_packet_time_and_return_timeout; false when the list is used up.
 void script_timeouts(std::vector<bool> next);
 /// Answers of the next calls of backward_error_switch. Without a script: false for heartbeats, control packets,

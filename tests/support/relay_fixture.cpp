@@ -19,6 +19,12 @@ std::ptrdiff_t lock_distance() {
     return distance;
 }
 
+// The record of a port is smaller than the distance: its lock may stand that far before any other record's.
+bool is_of_a_port(void const* lock) {
+    return std::ranges::any_of(EPoll::g_udp_map,
+                               [lock](auto const& entry) { return &entry.second->send_lock == lock; });
+}
+
 lock_rank classify(void const* lock, bool (*is_live)(void const*)) {
     if (lock == &EPoll::g_client_lock || lock == &EPoll::g_establish_server_map_lock) {
         return lock_rank::registry;
@@ -26,7 +32,9 @@ lock_rank classify(void const* lock, bool (*is_live)(void const*)) {
     // An ack_lock stands at a fixed distance behind its record's send_lock. What stands there may also be the ack_lock of
     // a neighbour in memory.
     void const* const before = static_cast<char const*>(lock) - lock_distance();
-    return is_live(before) && classify(before, is_live) == lock_rank::send ? lock_rank::ack : lock_rank::send;
+    bool const is_behind_a_send_lock =
+        is_live(before) && !is_of_a_port(before) && classify(before, is_live) == lock_rank::send;
+    return is_behind_a_send_lock ? lock_rank::ack : lock_rank::send;
 }
 
 void name_thread_array(Tesk::OS::class_thread const (&threads)[EPoll::c_thread_slots], std::string const& name) {
@@ -253,6 +261,7 @@ void reset_relay_globals() {
     EPoll::g_accepted_exchanging = {};
     EPoll::g_accepted_ending = {};
     EPoll::g_accepted_unfiled = {};
+    EPoll::g_arrivals = nullptr;
     EPoll::heartbeat_token.reset();
     EPoll::heartbeat_pkt = nullptr;
     for (int* const instance : {&EPoll::epoll_tcp_init, &EPoll::epoll_tcp_recv, &EPoll::epoll_tcp_send,

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 
 #include <fcntl.h>
@@ -88,22 +87,6 @@ TEST_F(loading, unloading_destroys_them_in_reverse) {
         expected += line->insert(line->find('.') + 1, "~") + "\n";
     }
     EXPECT_EXIT((show_destruction(), std::exit(0)), ::testing::ExitedWithCode(0), Eq(expected));
-}
-
-TEST_F(loading, the_globals_source_defines_them_in_the_required_order) {
-    std::ifstream in(RELAY_SOURCE_ROOT "/Center/INet_Relay/EPoll/epoll.cpp");
-    std::string const source{std::istreambuf_iterator<char>(in), {}};
-    std::size_t last = 0;
-    for (char const* const definition :
-         {" g_server_map;", " epoll_thread_udp_recv;", " epoll_thread_udp_send;", " epoll_thread_tcp_init;",
-          " epoll_thread_tcp_recv[", " epoll_thread_tcp_send[", " g_udp_map;", " g_connect_map;",
-          " g_connect_fail_map;", " g_establish_client_map;", " g_client_lock{0};", " g_establish_server_map;",
-          " g_establish_server_map_lock{0};", " g_remote_server_map;", " inet_timer;", " heartbeat_token;"}) {
-        std::size_t const at = source.find(definition);
-        ASSERT_NE(at, std::string::npos) << definition;
-        EXPECT_GT(at, last) << definition;
-        last = at;
-    }
 }
 
 TEST_F(loading, after_loading_everything_is_zero_but_two_settings) {

@@ -3,6 +3,7 @@
 #define TESTS_UNIT_LIFECYCLE_FIXTURE_HPP
 
 #include "tests/support/relay_fixture.hpp"
+#include "tests/unit/configuration_keys.hpp"
 
 #include <array>
 
@@ -22,27 +23,6 @@ inline std::array<instance_row, 5> instances() {
              {&EPoll::epoll_tcp_send, EPoll::epoll_thread_tcp_send, "epoll_tcp_send", "epoll_thread_tcp_send[0]"},
              {&EPoll::epoll_udp_recv, &EPoll::epoll_thread_udp_recv, "epoll_udp_recv", "epoll_thread_udp_recv"},
              {&EPoll::epoll_udp_send, &EPoll::epoll_thread_udp_send, "epoll_udp_send", "epoll_thread_udp_send"}}};
-}
-
-/// A key of the configuration. Exactly one of the two globals is set.
-struct key_row {
-    char const* key;
-    bool* setting;
-    bool built_in;
-    int* number;
-    int fallback;
-};
-
-inline std::array<key_row, 9> keys() {
-    return {{{"AUTO_DISCONNECT", &EPoll::g_auto_disconnect, true, nullptr, 0},
-             {"SERVER_SOCKET_REUSE", &EPoll::g_server_socket_reuse, true, nullptr, 0},
-             {"SERVER_LISTEN_BACKLOG", nullptr, false, &EPoll::g_listen_backlog, 5},
-             {"SERVER_LINGER_USE", &EPoll::g_server_linger_use, false, nullptr, 0},
-             {"SERVER_LINGER_TIME", nullptr, false, &EPoll::g_server_linger_time, 1024},
-             {"SERVER_NAGLE_OFF_USE", &EPoll::g_server_nagle_off_use, true, nullptr, 0},
-             {"CLIENT_LINGER_USE", &EPoll::g_client_linger_use, false, nullptr, 0},
-             {"CLIENT_LINGER_TIME", nullptr, false, &EPoll::g_client_linger_time, 1024},
-             {"CLIENT_NAGLE_OFF_USE", &EPoll::g_client_nagle_off_use, true, nullptr, 0}}};
 }
 
 class lifecycle_fixture : public relay_fixture {

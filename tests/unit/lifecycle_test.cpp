@@ -1,9 +1,12 @@
 // start, stop and finalize, step by step, and what the order of calls leads to.
+#include "Center/INet_Relay/EPoll/epoll_trace.hpp"
 #include "tests/support/loopback.hpp"
 #include "tests/unit/lifecycle_fixture.hpp"
 
 #include <algorithm>
 #include <cerrno>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -357,6 +360,22 @@ TEST_F(lifecycle, a_destination_added_before_start_is_connected_after_it) {
     INet_Relay::finalize();
 }
 
+TEST_F(lifecycle, a_retry_takes_the_registry_lock_again_that_the_timer_holds) {
+    initialize();
+    {
+        Tesk::OS::class_locker const guard(&EPoll::g_client_lock, nullptr);
+        EPoll::file_outgoing(EPoll::new_outgoing({Zolt::c_local_host, 9000}), EPoll::outgoing_phase::waiting);
+    }
+    system.answer("connect", 1, 0);
+    clear_journal();
+    EPoll::timer_reconnect_client();
+    EXPECT_THAT(journal_lines(about::lock),
+                ElementsAre("g_client_lock.lock(pointer, depth 1)", "g_client_lock.lock(pointer, depth 2)",
+                            "g_client_lock.unlock(guard, depth 1)", "g_client_lock.unlock(guard, depth 0)"));
+    INet_Relay::finalize();
+    EPoll::clear_connect_map(EPoll::g_connect_map);
+}
+
 // --- what must not be repaired ---------------------------------------------------------------------------------
 
 /// A node that is connected to itself, once and over: served port, destination, exchange, heartbeat, teardown.
@@ -385,6 +404,21 @@ protected:
         EPoll::clear_establish_map(EPoll::g_establish_server_map);
         EPoll::clear_establish_map(EPoll::g_establish_client_map);
     }
+
+    /// A destination that never answers, cancelled by the timer and then withdrawn.
+    void cancel_a_connect_and_end() {
+        ASSERT_EQ(INet_Relay::initialize(), 0);
+        descriptor const listener = listen_loopback(0);
+        descriptor const filler = connect_loopback(local_port(listener)); // the backlog is full now
+        ASSERT_EQ(INet_Relay::add_client(Zolt::c_local_host, local_port(listener)), 0);
+        start_threads(true);
+        INet_Relay::start();
+        advance_clock(EPoll::c_connection_timeout + 1);
+        EPoll::timer_cancel_connect(Tesk::OS::lemon_clock());
+        EXPECT_TRUE(wait_for_lines("EPoll::failed_connect", 1));
+        stop_and_finalize();
+        INet_Relay::del_client(Zolt::c_local_host, local_port(listener));
+    }
 };
 
 TEST_F(pin_whole_run, the_five_keys_without_effect_set_no_socket_option) {
@@ -408,13 +442,50 @@ TEST_F(pin_whole_run, the_five_keys_without_effect_set_no_socket_option) {
 
 TEST_F(pin_whole_run, every_registration_has_one_of_these_masks) {
     connect_to_itself_and_end();
+    cancel_a_connect_and_end();
     std::set<std::uint32_t> used;
     for (system_call const& call : system.calls("epoll_ctl")) {
         if (call.arguments.at(1) != EPOLL_CTL_DEL) {
             used.insert(call.mask);
         }
     }
-    EXPECT_EQ(used, (std::set<std::uint32_t>{0x4, 0x40000001, 0x80000001, 0x80000008, 0xC0000004}));
+    EXPECT_EQ(used, (std::set<std::uint32_t>{0x4, 0x40000001, 0x80000001, 0x80000008, 0xC0000004, 0xC0000005}));
+}
+
+class whole_run : public pin_whole_run {
+protected:
+    static bool has_fixed_line(trace_line const& trace) {
+        static constexpr EPoll::struct_trace_site fixed[] = {
+            EPoll::c_site_hand_over_client, EPoll::c_site_hand_over_server, EPoll::c_site_broadcast,
+            EPoll::c_site_cleared,          EPoll::c_site_deleted,          EPoll::c_site_received,
+            EPoll::c_site_given_up,         EPoll::c_site_sending_client,   EPoll::c_site_server_nagle,
+            EPoll::c_site_server_untold,    EPoll::c_site_server_unheard,   EPoll::c_site_sending_server};
+        return std::any_of(std::begin(fixed), std::end(fixed), [&](EPoll::struct_trace_site const& site) {
+            return site.file == trace.file && site.line == trace.line;
+        });
+    }
+
+    static std::string line_of_source(trace_line const& trace) {
+        std::ifstream source(std::string(RELAY_SOURCE_ROOT "/") + trace.file + ".cpp");
+        std::string line;
+        for (int number = 0; number < trace.line; ++number) {
+            std::getline(source, line);
+        }
+        return line;
+    }
+};
+
+TEST_F(whole_run, traces_without_a_fixed_place_name_the_file_and_line_of_their_call) {
+    connect_to_itself_and_end();
+    std::set<std::string> files;
+    for (trace_line const& trace : take_traces()) {
+        if (!has_fixed_line(trace)) {
+            files.insert(trace.file);
+            EXPECT_THAT(line_of_source(trace), HasSubstr("trace(here('" + std::string(1, trace.letter) + "'"))
+                << trace.file << ':' << trace.line << ' ' << trace.text;
+        }
+    }
+    EXPECT_THAT(files, ::testing::SizeIs(::testing::Ge(4U)));
 }
 
 TEST_F(pin_lifecycle, only_the_first_of_eight_threads_is_started_and_joined) {

@@ -2,6 +2,7 @@
 #include "Host/tesk_inet.hpp"
 #include "Host/tesk_os.hpp"
 #include "Host/tesk_utility.hpp"
+#include "Host/zolt_global.hpp"
 #include "Host/zolt_packet.hpp"
 #include "tests/unit/reference_host_fixtures.hpp"
 
@@ -16,6 +17,7 @@
 #include <memory>
 #include <sched.h>
 #include <sys/syscall.h>
+#include <type_traits>
 
 namespace {
 std::atomic<int> g_yields{0};
@@ -31,6 +33,23 @@ namespace reference_host_test {
 namespace {
 
 using namespace Tesk::OS;
+
+// Results do not enter a symbol, so nothing but the compiler would notice another one.
+static_assert(std::is_same_v<decltype(&lemon_clock), unsigned long (*)()>);
+static_assert(std::is_same_v<decltype(&lemon_cpu_clock), unsigned long (*)()>);
+static_assert(std::is_same_v<decltype(&rtsleep), void (*)(double)>);
+static_assert(std::is_same_v<decltype(&Tesk::OS::thread_yield), void (*)()>);
+static_assert(
+    std::is_same_v<decltype(&class_thread::eproc_create), int (class_thread::*)(void* (*)(class_thread*), void*)>);
+static_assert(std::is_same_v<decltype(&class_thread::proc_wait_exit), int (class_thread::*)(void**)>);
+static_assert(
+    std::is_same_v<decltype(&class_timer::eproc_create), int (class_timer::*)(double, void (*)(class_timer*), void*)>);
+static_assert(std::is_same_v<decltype(&class_timer::proc_destroy), int (class_timer::*)()>);
+static_assert(std::is_same_v<decltype(&Tesk::INet::str_from_ip), char const* (*)(unsigned int)>);
+static_assert(std::is_same_v<decltype(&Common::Global::send_zolt_center), int (*)(struct_token&)>);
+static_assert(
+    std::is_same_v<decltype(&Common::Global::zolt_debug_not_send),
+                   int (*)(char const&, struct_token const&, char const* const&, int const&, char const*, ...)>);
 
 /// What the relay's globals do while it is being loaded, before any other static object of this program is made.
 struct early_user {

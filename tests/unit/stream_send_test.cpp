@@ -605,9 +605,9 @@ TEST_P(stream_doomed, is_not_written_again_when_its_queue_had_come_to_rest) {
 
 // --- a destination that the Center withdraws -------------------------------------------------------------------
 
-class withdrawing : public send_fixture {
+class withdrawn_connection : public send_fixture {
 protected:
-    withdrawing() : send_fixture(outgoing_side()) {}
+    withdrawn_connection() : send_fixture(outgoing_side()) {}
 
     void SetUp() override {
         send_fixture::SetUp();
@@ -621,7 +621,7 @@ protected:
     }
 };
 
-TEST_F(withdrawing, closes_after_what_is_being_written) {
+TEST_F(withdrawn_connection, closes_after_what_is_being_written) {
     hand_over_named("front");
     withdraw();
     EXPECT_EQ(story(about::system), lines{});
@@ -629,7 +629,7 @@ TEST_F(withdrawing, closes_after_what_is_being_written) {
     EXPECT_EQ(story(about::system), (lines{sent(64), c_flushed, armed_for_writing(), "shutdown(rec.fd, SHUT_WR)"}));
 }
 
-TEST_F(withdrawing, shuts_the_write_side_at_once_when_the_queue_is_at_rest) {
+TEST_F(withdrawn_connection, shuts_the_write_side_at_once_when_the_queue_is_at_rest) {
     hand_over_named("front");
     system.fail("send", 1, EPIPE);
     write();
@@ -639,7 +639,7 @@ TEST_F(withdrawing, shuts_the_write_side_at_once_when_the_queue_is_at_rest) {
     EXPECT_TRUE(is_closed_by_peer(connection->peer));
 }
 
-TEST_F(withdrawing, during_the_exchange_closes_as_soon_as_the_connection_is_established) {
+TEST_F(withdrawn_connection, during_the_exchange_closes_as_soon_as_the_connection_is_established) {
     rec->kind = EPoll::c_kind_connecting;
     rec->phase = EPoll::outgoing_phase::connecting;
     EPoll::g_connect_map.swap(EPoll::g_establish_client_map);

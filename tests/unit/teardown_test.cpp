@@ -347,6 +347,53 @@ TEST_F(shutting_down_an_accepted_connection, that_does_not_come_to_its_end_is_cu
     EXPECT_TRUE(serve_until([this] { return is_gone(rec); }));
 }
 
+// --- an end that the timer brings about ------------------------------------------------------------------------------
+
+class end_by_the_timer : public accepting_fixture, public ::testing::WithParamInterface<bool> {
+protected:
+    static bool is_accepted() { return GetParam(); }
+
+    /// A connection that waits for a packet to arrive and has one on its way out.
+    tcp_record* busy() {
+        EPoll::g_auto_disconnect = true;
+        tcp_record* const rec = is_accepted() ? served("rec") : established("rec");
+        is_accepted() ? EPoll::request_recv_server_header(rec) : EPoll::request_recv_client_header(rec);
+        Zolt::struct_token token = make_token({.sequence = 1});
+        auto* const send = is_accepted() ? INet_Relay::send_tcp_server : INet_Relay::send_tcp_client;
+        EXPECT_EQ(send(at_port(), token, token.get_header_packet()), 0);
+        return rec;
+    }
+
+    static void tick_once() {
+        auto* const job = is_accepted() ? EPoll::timer_shutdown_server : EPoll::timer_shutdown_client;
+        job(Tesk::OS::lemon_clock());
+    }
+
+    static int fetch(epoll_event& event, int milliseconds) {
+        return __real_epoll_wait(EPoll::epoll_tcp_recv, &event, 1, milliseconds);
+    }
+};
+
+TEST_P(end_by_the_timer, comes_once_although_it_armed_the_record_in_between) {
+    tcp_record* const rec = busy();
+    void const* const lock = &rec->send_lock;
+    advance_clock(c_timeout + 1);
+    tick_once();
+    epoll_event first{};
+    ASSERT_EQ(fetch(first, c_deadline), 1);
+    tick_once(); // before the receive thread has come from the event to its handler
+    receive_event(first.events, rec);
+    EXPECT_TRUE(rec->doomed);
+    epoll_event second{};
+    EXPECT_EQ(fetch(second, 0), 0);
+    EXPECT_TRUE(serve_until([lock] { return known_object_name(lock).empty(); }));
+    EXPECT_EQ(std::ranges::count_if(take_offers(), [](center_offer const& offer) { return offer.packet.event != 0; }),
+              1);
+}
+
+INSTANTIATE_TEST_SUITE_P(sides, end_by_the_timer, ::testing::Bool(),
+                         [](auto const& side) { return std::string(side.param ? "accepted" : "outgoing"); });
+
 // --- whatever ends a connection, and whatever it is doing ---------------------------------------------------------
 
 /// What the connection is doing.

@@ -37,6 +37,7 @@ constinit live_list g_outgoing;
 constinit ending_list g_outgoing_ending;
 int g_outgoing_shadowed = 0;
 constinit live_list g_accepted_exchanging;
+struct_epoll_overlapped* g_arrivals = nullptr;
 constinit live_list g_accepted_unfiled;
 constinit ending_list g_accepted_ending;
 
@@ -86,6 +87,7 @@ void shut_down_silent(struct_tcp_side const& side, struct_epoll_overlapped_tcp* 
     ::shutdown(rec->fd, SHUT_RDWR);
     // A receive registration that has fired and was never armed again reports nothing by itself (decision 36).
     if (rec->shut_by_timer) {
+        rec->armed_by_timer = true;
         arm(rec, epoll_tcp_recv, EPOLL_CTL_MOD, c_recv_mask);
     }
     rec->shut_by_timer = true;
@@ -121,12 +123,27 @@ void drain_acknowledgements(struct_epoll_overlapped_tcp* rec, std::vector<struct
 
 } // namespace
 
+void expect_arrivals(struct_epoll_overlapped* record) {
+    record->next_arrival = g_arrivals;
+    g_arrivals = record;
+}
+
+void forget_arrivals(struct_epoll_overlapped* record) {
+    for (struct_epoll_overlapped** place = &g_arrivals; *place != nullptr; place = &(*place)->next_arrival) {
+        if (*place == record) {
+            *place = record->next_arrival;
+            return;
+        }
+    }
+}
+
 void timer_inet(Tesk::OS::class_timer*) {
     std::uint64_t const now = Tesk::OS::lemon_clock();
     timer_cancel_connect(now);
     timer_shutdown_server(now);
     timer_shutdown_client(now);
     timer_reconnect_client();
+    timer_look_again();
 }
 
 void timer_cancel_connect(std::uint64_t now) {
@@ -170,6 +187,7 @@ void timer_shutdown_client(std::uint64_t now) {
 
 void timer_reconnect_client() {
     Tesk::OS::class_locker const guard(&g_client_lock, nullptr);
+    file_shadowed();
     connection_map still_failed;
     try {
         while (!g_connect_fail_map.empty()) {
@@ -190,6 +208,14 @@ void timer_reconnect_client() {
         throw;
     }
     g_connect_fail_map.swap(still_failed);
+}
+
+void timer_look_again() {
+    for (auto* record = g_arrivals; record != nullptr; record = record->next_arrival) {
+        if (std::uint32_t const mask = record->look_again.exchange(0, std::memory_order_relaxed); mask != 0) {
+            arm(record, record->kind == c_kind_listen ? epoll_tcp_init : epoll_udp_recv, EPOLL_CTL_MOD, mask);
+        }
+    }
 }
 
 int request_send_hearbeat(struct_epoll_overlapped_tcp* rec) {

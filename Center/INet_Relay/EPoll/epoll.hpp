@@ -20,6 +20,7 @@ constexpr std::uint32_t c_recv_mask = EPOLLIN | EPOLLONESHOT;                   
 constexpr std::uint32_t c_send_mask = EPOLLOUT | EPOLLONESHOT | EPOLLET;             // 0xC0000004
 constexpr std::uint32_t c_cancel_mask = EPOLLIN | EPOLLOUT | EPOLLONESHOT | EPOLLET; // 0xC0000005
 constexpr std::uint32_t c_arrival_mask = EPOLLIN | EPOLLET;                          // 0x80000001
+constexpr std::uint32_t c_drain_mask = EPOLLIN;                                      // 0x00000001, until one is taken
 constexpr std::uint32_t c_udp_send_idle_mask = EPOLLERR | EPOLLET;                   // 0x80000008
 
 /// An event with one of these reports an error or a hang-up.
@@ -99,8 +100,14 @@ extern live_list g_outgoing HOST_GUARDED_BY(g_client_lock);          ///< every 
 extern ending_list g_outgoing_ending HOST_GUARDED_BY(g_client_lock); ///< doomed, or withdrawn while established
 extern int g_outgoing_shadowed HOST_GUARDED_BY(g_client_lock);       ///< how many outgoing records are shadowed
 extern live_list g_accepted_exchanging HOST_GUARDED_BY(g_establish_server_map_lock); ///< accepted, not yet established
-extern live_list g_accepted_unfiled HOST_GUARDED_BY(g_establish_server_map_lock);    ///< established, place taken
-extern ending_list g_accepted_ending HOST_GUARDED_BY(g_establish_server_map_lock);   ///< doomed
+extern struct_epoll_overlapped* g_arrivals; ///< listening and UDP sockets; changed by add_server and finalize only
+extern live_list g_accepted_unfiled HOST_GUARDED_BY(g_establish_server_map_lock);  ///< established, place taken
+extern ending_list g_accepted_ending HOST_GUARDED_BY(g_establish_server_map_lock); ///< doomed
+
+/// Puts the record of a listening or UDP socket among those that the timer looks at again, or takes it out.
+/// Thread: add_server's and finalize's, while no thread of the relay runs.
+void expect_arrivals(struct_epoll_overlapped* record);
+void forget_arrivals(struct_epoll_overlapped* record);
 
 // --- instances and configuration: written before the threads start or after they are joined ----------------------
 
@@ -122,8 +129,9 @@ extern bool g_client_nagle_off_use; ///< outgoing connections get TCP_NODELAY
 
 // --- maintenance timer -----------------------------------------------------------------------------------------
 
-/// The timer's callback: reads the clock once and runs the four jobs below in their order.
-/// Thread: the timer's. Locks: each job takes one registry lock and holds it while it lasts. The argument is ignored.
+/// The timer's callback: reads the clock once and runs the jobs below in their order.
+/// Thread: the timer's. Locks: each of the first four takes one registry lock and holds it while it lasts. The argument
+/// is ignored.
 void timer_inet(Tesk::OS::class_timer* timer);
 
 /// Shuts down each connect and exchange that has lasted longer than the time-out and arms it again, so that the set-up
@@ -141,6 +149,10 @@ void timer_shutdown_client(std::uint64_t now);
 
 /// Tries every failed destination once; those whose attempt fails at once stay booked.
 void timer_reconnect_client();
+
+/// Arms the sockets again whose last arrival failed. A full queue raises no edge any more, so that nobody would ever look
+/// at what waits there (decision 52).
+void timer_look_again();
 
 /// Queues the shared heartbeat on one connection and arms an idle one. Deliberate: named so.
 /// Thread: the timer's. Locks: the registry lock of the record is held; takes send_lock. Result: 0.

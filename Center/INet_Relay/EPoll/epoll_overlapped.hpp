@@ -6,7 +6,8 @@
 //   registry or list. Tokens may leave such a hold, records never.
 //
 //   field                                       guarded by
-//   fd, phase, shadowed, reap_clock, the hooks  the registry lock of the record's side
+//   fd, phase, shadowed, armed_by_timer,
+//   reap_clock, the hooks                       the registry lock of the record's side
 //   send_*, sending*, doomed                    send_lock (send_remain of an accepted exchange: the baton)
 //   close_requested                             written under g_client_lock and send_lock, read under either
 //   ack_q                                       ack_lock
@@ -46,6 +47,11 @@ struct struct_epoll_overlapped {
     /// Orders what one thread wrote before it armed the record with what the next one reads after its event: the kernel
     /// hands the record over, but neither the language nor a race detector knows that.
     std::atomic<std::uint16_t> baton{0};
+
+    // Of a socket that reports arrivals by edges: the next such record, and how the timer is to arm it after an arrival
+    // that failed; 0: not at all.
+    struct_epoll_overlapped* next_arrival = nullptr;
+    std::atomic<std::uint32_t> look_again{0};
 };
 
 /// Record of one bound UDP port.
@@ -91,6 +97,7 @@ struct struct_epoll_overlapped_tcp : struct_epoll_overlapped_ex {
     bool send_armed HOST_GUARDED_BY(send_lock) = false; ///< an event for the send thread is due or on its way
     bool doomed HOST_GUARDED_BY(send_lock) = false;     ///< the receive thread is done; the send thread destroys
     bool shut_by_timer = false;                         ///< timer only: silent, and shut down on an earlier tick
+    bool armed_by_timer = false; ///< the timer may have given the receive thread an event more than it armed itself
     bool cancelled = false; ///< timer, and request_connect under its lock: the connect was shut down on an earlier tick
     bool shadowed = false;  ///< another record of the same destination holds this one's place in the registry
     outgoing_phase phase = outgoing_phase::none;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <new>
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -40,10 +41,10 @@ bool is_outgoing(struct_epoll_overlapped_tcp const* rec) {
 
 // --- arming and options ----------------------------------------------------------------------------------------
 
-int arm(struct_epoll_overlapped_tcp* rec, int instance, int operation, std::uint32_t mask) {
+int arm(struct_epoll_overlapped* rec, int instance, int operation, std::uint32_t mask) {
     ::epoll_event event{};
     event.events = mask;
-    event.data.ptr = static_cast<struct_epoll_overlapped*>(rec);
+    event.data.ptr = rec;
     int const fd = rec->fd;
     rec->baton.fetch_add(1, std::memory_order_release);
     return ::epoll_ctl(instance, operation, fd, &event);
@@ -108,9 +109,9 @@ void set_shadowed(struct_epoll_overlapped_tcp* rec, bool shadowed) HOST_REQUIRES
     rec->shadowed = shadowed;
 }
 
-/// The live record of a destination that waits in the shadow for a place in the registry of the phase, or null.
-struct_epoll_overlapped_tcp* find_shadowed(outgoing_phase phase, struct_node_addr const& destination)
-    HOST_REQUIRES(g_client_lock) {
+} // namespace
+
+struct_epoll_overlapped_tcp* find_shadowed(outgoing_phase phase, struct_node_addr const& destination) {
     if (g_outgoing_shadowed == 0) {
         return nullptr;
     }
@@ -121,6 +122,8 @@ struct_epoll_overlapped_tcp* find_shadowed(outgoing_phase phase, struct_node_add
     }
     return nullptr;
 }
+
+namespace {
 
 /// Erases an entry, or gives it to a record that waits for the place. Takes no memory, so nothing can be lost.
 void vacate(outgoing_phase phase, connection_map::iterator entry) HOST_REQUIRES(g_client_lock) {
@@ -146,10 +149,26 @@ struct_epoll_overlapped_tcp* new_outgoing(struct_node_addr destination) {
 }
 
 bool file_outgoing(struct_epoll_overlapped_tcp* rec, outgoing_phase phase) {
-    auto const [entry, is_new] = registry_of(phase).try_emplace(peer_of(rec), rec);
     rec->phase = phase;
-    set_shadowed(rec, entry->second != rec);
-    return entry->second == rec;
+    try {
+        auto const [entry, is_new] = registry_of(phase).try_emplace(peer_of(rec), rec);
+        set_shadowed(rec, entry->second != rec);
+        return entry->second == rec;
+    } catch (std::bad_alloc const&) {
+        set_shadowed(rec, true); // the timer files it once there is memory
+        return true;
+    }
+}
+
+void file_shadowed() {
+    if (g_outgoing_shadowed == 0) {
+        return;
+    }
+    for (auto* rec = g_outgoing.first; rec != nullptr; rec = live_list::after(rec)) {
+        if (rec->shadowed) {
+            file_outgoing(rec, rec->phase);
+        }
+    }
 }
 
 void erase_destination(outgoing_phase phase, struct_epoll_overlapped_tcp* rec) {
@@ -187,6 +206,13 @@ bool unfile_outgoing(struct_epoll_overlapped_tcp* rec) {
 void begin_ending(ending_list& list, struct_epoll_overlapped_tcp* rec) {
     rec->reap_clock = Tesk::OS::lemon_clock();
     list.link(rec);
+}
+
+void take_back_timers_event(struct_epoll_overlapped_tcp* rec) {
+    if (rec->armed_by_timer) {
+        ::epoll_event event{};
+        ::epoll_ctl(epoll_tcp_recv, EPOLL_CTL_DEL, rec->fd, &event);
+    }
 }
 
 // --- records ---------------------------------------------------------------------------------------------------

@@ -51,9 +51,9 @@ constexpr unsigned long c_init_block_size = sizeof(struct_tcp_header);
 // --- arming ----------------------------------------------------------------------------------------------------
 
 /// Registers a record's socket in an instance, or changes its registration; the only place that fills an epoll_event
-/// for a TCP record. Passes the baton on: on success another thread may already be at work on the record.
+/// for a record. Passes the baton on: on success another thread may already be at work on the record.
 /// Any thread. Locks: those that the caller needs to own the record. Result: epoll_ctl's.
-int arm(struct_epoll_overlapped_tcp* rec, int instance, int operation, std::uint32_t mask);
+int arm(struct_epoll_overlapped* rec, int instance, int operation, std::uint32_t mask);
 
 /// The same, printing the text when it fails.
 int arm_or_print(struct_epoll_overlapped_tcp* rec, int instance, int operation, std::uint32_t mask, char const* text);
@@ -80,8 +80,13 @@ void learn_local_address(struct_epoll_overlapped_tcp* rec);
 struct_epoll_overlapped_tcp* new_outgoing(struct_node_addr destination) HOST_REQUIRES(g_client_lock);
 
 /// Files a record in the registry of the phase; an existing entry stays and the record waits in its shadow until that
-/// entry goes. True when the entry names this record. Throws std::bad_alloc.
+/// entry goes. Without memory for an entry it waits in the shadow of none. False when the place is another's.
 bool file_outgoing(struct_epoll_overlapped_tcp* rec, outgoing_phase phase) HOST_REQUIRES(g_client_lock);
+/// Files those that wait in the shadow of none.
+void file_shadowed() HOST_REQUIRES(g_client_lock);
+/// The live record of a destination that waits in the shadow for a place in the registry of the phase, or null.
+struct_epoll_overlapped_tcp* find_shadowed(outgoing_phase phase, struct_node_addr const& destination)
+    HOST_REQUIRES(g_client_lock);
 
 /// Erases the record's destination from the registry of the phase, whichever record it names; a record of the same
 /// destination that waits in the shadow takes the place, this one excepted.
@@ -93,6 +98,10 @@ bool unfile_outgoing(struct_epoll_overlapped_tcp* rec) HOST_REQUIRES(g_client_lo
 
 /// Puts a record among those that the timer cuts when they are not gone within the time-out.
 void begin_ending(ending_list& list, struct_epoll_overlapped_tcp* rec);
+
+/// Takes a record out of the receive instance when the timer has armed it there, with whatever event is due (decision 50).
+/// Thread: the receive thread, for a record that it has just unfiled. Locks: the registry lock of the record's side is held.
+void take_back_timers_event(struct_epoll_overlapped_tcp* rec);
 
 // --- records ---------------------------------------------------------------------------------------------------
 

@@ -6,6 +6,7 @@
 #include "Host/tesk_utility.hpp"
 
 #include <cerrno>
+#include <exception>
 #include <string>
 
 #include <fcntl.h>
@@ -283,20 +284,23 @@ int unestablish_connect(struct_epoll_overlapped_tcp* rec) {
 
 namespace {
 
-/// Takes the record out of the registries and books a fresh one for its destination, unless that was withdrawn.
-/// True when the Center still counts the connection among the established ones. Throws std::bad_alloc.
-bool unfile_and_rebook(struct_epoll_overlapped_tcp* rec) {
-    Tesk::OS::class_locker const guard(&g_client_lock, nullptr);
+/// Takes the record out of the registries. True when the Center still counts the connection among the established ones.
+bool unfile_and_begin_ending(struct_epoll_overlapped_tcp* rec) HOST_REQUIRES(g_client_lock) {
     bool const was_established = unfile_outgoing(rec);
     begin_ending(g_outgoing_ending, rec);
+    take_back_timers_event(rec);
+    return was_established;
+}
+
+/// Books a fresh record for the destination, unless that was withdrawn. Throws std::bad_alloc.
+void rebook(struct_epoll_overlapped_tcp* rec) HOST_REQUIRES(g_client_lock) {
     if (rec->close_requested) {
-        return was_established;
+        return;
     }
     struct_epoll_overlapped_tcp* const fresh = new_outgoing(peer_of(rec));
     if (!file_outgoing(fresh, outgoing_phase::waiting)) {
         delete_overlapped(fresh); // the destination is booked already (decision 11)
     }
-    return was_established;
 }
 
 /// Leaves the record to the send thread when that has an event due, and makes sure that it comes; else destroys it.
@@ -316,15 +320,29 @@ int hand_over_or_delete(struct_epoll_overlapped_tcp* rec) {
 } // namespace
 
 int close_client(struct_epoll_overlapped_tcp* rec) {
+    bool was_established = false;
+    std::exception_ptr failure; // neither the notice nor the record's end depends on the memory for a fresh one
+    {
+        Tesk::OS::class_locker const guard(&g_client_lock, nullptr);
+        was_established = unfile_and_begin_ending(rec);
+        try {
+            rebook(rec);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    }
     try {
-        if (unfile_and_rebook(rec)) {
+        if (was_established) {
             eproc_send_disconnected_from_server_msg_to_center(rec);
         }
     } catch (...) {
-        hand_over_or_delete(rec);
-        throw;
+        failure = std::current_exception();
     }
-    return hand_over_or_delete(rec);
+    int const result = hand_over_or_delete(rec);
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    return result;
 }
 
 // --- receive and send, the outgoing side's names ---------------------------------------------------------------

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <string>
 
 #include <fcntl.h>
@@ -104,17 +105,15 @@ int request_listen(unsigned short port) {
         return error;
     }
     struct_epoll_overlapped* const listening = new_listening(fd, port);
-    ::epoll_event event{};
-    event.events = c_arrival_mask;
-    event.data.ptr = listening;
-    listening->baton.fetch_add(1, std::memory_order_release);
-    return ::epoll_ctl(epoll_tcp_init, EPOLL_CTL_ADD, fd, &event);
+    expect_arrivals(listening);
+    return arm(listening, epoll_tcp_init, EPOLL_CTL_ADD, c_arrival_mask);
 }
 
 void free_listening_records() {
     while (g_listening != nullptr) {
         std::unique_ptr<struct_listening> const listening(g_listening);
         g_listening = listening->next;
+        forget_arrivals(&listening->record);
     }
 }
 
@@ -145,6 +144,7 @@ int accept(struct_epoll_overlapped* listening) {
     int const fd = ::accept(listening->fd, reinterpret_cast<::sockaddr*>(&peer), &length);
     if (fd == -1) {
         Tesk::Utility::print_error("소켓 엑셉트 실패");
+        listening->look_again.store(c_arrival_mask, std::memory_order_relaxed);
         return -1;
     }
     keep_from_children(fd);
@@ -155,6 +155,7 @@ int accept(struct_epoll_overlapped* listening) {
         rec = new_accepted(fd, *listening, peer);
     } catch (...) {
         ::close(fd);
+        listening->look_again.store(c_arrival_mask, std::memory_order_relaxed);
         throw;
     }
     set_server_option(rec);
@@ -234,8 +235,14 @@ int failed_server_init(struct_epoll_overlapped_tcp* rec) {
 int establish_accept(struct_epoll_overlapped_tcp* rec) {
     {
         Tesk::OS::class_locker const guard(&g_establish_server_map_lock, nullptr);
+        bool is_filed = false;
+        try {
+            is_filed = g_establish_server_map.try_emplace(peer_of(rec), rec).second;
+        } catch (std::bad_alloc const&) {
+            throw std::string("no memory"); // ends the record like any other failure; short, so that it needs none
+        }
         live_list::unlink(rec);
-        if (!g_establish_server_map.try_emplace(peer_of(rec), rec).second) {
+        if (!is_filed) {
             g_accepted_unfiled.link(rec);
         }
     }
@@ -290,6 +297,7 @@ void shutdown_server(struct_epoll_overlapped_tcp* rec) {
     {
         Tesk::OS::class_locker const guard(&g_establish_server_map_lock, nullptr);
         begin_ending(g_accepted_ending, rec);
+        take_back_timers_event(rec);
     }
     if (!leave_to_send_thread(rec)) {
         delete_overlapped(rec);

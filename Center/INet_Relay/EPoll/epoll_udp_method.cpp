@@ -63,10 +63,12 @@ struct_epoll_overlapped_ex* make_record(int fd, unsigned short port) {
     fresh->kind = c_kind_udp;
     fresh->local_port = port;
     file(fresh.get());
+    expect_arrivals(fresh.get());
     return fresh.release();
 }
 
 void destroy(struct_epoll_overlapped_ex* rec) {
+    forget_arrivals(rec);
     ::close(rec->fd);
     rec->recv_token.free();
     delete rec;
@@ -119,6 +121,17 @@ void discard(struct_epoll_overlapped_ex* rec) {
     read_at_cursor(rec, 0, sender);
 }
 
+/// What failed is still at the front of the queue: the timer looks once.
+void note_kept(struct_epoll_overlapped_ex* rec) {
+    rec->look_again.store(c_arrival_mask, std::memory_order_relaxed);
+}
+
+/// What failed is gone, and more may wait behind it: the timer has the queue gone through until a packet is taken.
+void note_dropped(struct_epoll_overlapped_ex* rec) {
+    std::uint32_t none = 0;
+    rec->look_again.compare_exchange_strong(none, c_drain_mask, std::memory_order_relaxed);
+}
+
 // Deliberate: the text speaks of sending.
 constexpr char const* c_text_no_bytes = "send_size!= sent_size";
 constexpr char const* c_text_wrong_length = "recd_len!= recv_len";
@@ -130,6 +143,7 @@ void peek_header(struct_epoll_overlapped_ex* rec, struct_packet& header) {
     ::sockaddr_in sender{};
     ssize_t const got = read_at_cursor(rec, MSG_PEEK, sender);
     if (got < 0) {
+        note_kept(rec);
         throw std::string(c_text_no_bytes);
     }
     if (got == 0) {
@@ -157,6 +171,7 @@ void read_datagram(struct_epoll_overlapped_ex* rec, struct_packet& header) {
     // (decision 16).
     ssize_t const got = read_at_cursor(rec, MSG_TRUNC, sender);
     if (got <= 0) {
+        note_kept(rec);
         throw std::string(c_text_no_bytes);
     }
     if (static_cast<unsigned long>(got) != rec->recv_remain) {
@@ -197,14 +212,6 @@ ssize_t send_datagram(struct_epoll_overlapped_ex* rec, struct_token& token) {
 
 } // namespace
 
-int arm_udp(struct_epoll_overlapped_ex* rec, int instance, int operation, std::uint32_t mask) {
-    ::epoll_event event{};
-    event.events = mask;
-    event.data.ptr = static_cast<struct_epoll_overlapped*>(rec);
-    rec->baton.fetch_add(1, std::memory_order_release);
-    return ::epoll_ctl(instance, operation, rec->fd, &event);
-}
-
 int udp_initialize(unsigned short port) {
     int const fd = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     struct_epoll_overlapped_ex* rec = nullptr;
@@ -222,8 +229,8 @@ int udp_initialize(unsigned short port) {
         ::close(fd);
         throw;
     }
-    arm_udp(rec, epoll_udp_recv, EPOLL_CTL_ADD, c_arrival_mask);
-    return arm_udp(rec, epoll_udp_send, EPOLL_CTL_ADD, c_udp_send_idle_mask);
+    arm(rec, epoll_udp_recv, EPOLL_CTL_ADD, c_arrival_mask);
+    return arm(rec, epoll_udp_send, EPOLL_CTL_ADD, c_udp_send_idle_mask);
 }
 
 int udp_finalize() {
@@ -256,6 +263,7 @@ int recv_udp(struct_epoll_overlapped_ex* rec) {
         peek_header(rec, *header);
         if (header->get_data_size() != 0 && !prepare_data(rec, *header)) {
             discard(rec);
+            note_dropped(rec);
             return 0;
         }
         read_datagram(rec, *header);
@@ -263,11 +271,12 @@ int recv_udp(struct_epoll_overlapped_ex* rec) {
         Tesk::Utility::print_error(text.c_str());
         // The next packet must not carry this one's data (decision 17).
         rec->recv_token.free_data();
+        note_dropped(rec);
         return -1;
     }
     send_center_from_udp(rec->recv_token, header);
     rec->recv_token.reset();
-    return arm_udp(rec, epoll_udp_recv, EPOLL_CTL_MOD, c_arrival_mask);
+    return arm(rec, epoll_udp_recv, EPOLL_CTL_MOD, c_arrival_mask);
 }
 
 int send_udp(struct_epoll_overlapped_ex* rec) {
@@ -291,7 +300,7 @@ int send_udp(struct_epoll_overlapped_ex* rec) {
     }
     Tesk::OS::class_locker const guard(rec->send_lock, nullptr);
     if (!rec->send_q.empty()) {
-        arm_udp(rec, epoll_udp_send, EPOLL_CTL_MOD, c_send_mask);
+        arm(rec, epoll_udp_send, EPOLL_CTL_MOD, c_send_mask);
     }
     return 0;
 }

@@ -6,11 +6,6 @@
 #include "Host/zolt_packet.hpp"
 
 namespace Zolt::Center::INet_Relay::EPoll {
-
-/// Registers a UDP record's socket in an instance, or changes its registration. Locks: send_lock for the send instance.
-/// Result: epoll_ctl's.
-int arm_udp(struct_epoll_overlapped_ex* rec, int instance, int operation, std::uint32_t mask);
-
 /// Opens, configures, files and registers the UDP socket of a port (host order). Thread: the Center's, before start.
 /// Locks: none. Result: 0, the errno of a failure, printed, or the second registration's -1.
 int udp_initialize(unsigned short port);

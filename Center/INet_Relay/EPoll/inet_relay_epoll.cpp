@@ -205,11 +205,12 @@ int add_client(unsigned int ip, unsigned short port) {
         ++registered->second;
         return 0;
     }
+    std::map<struct_node_addr, int> count{{destination, 1}}; // before there is a record that nobody would count
     struct_epoll_overlapped_tcp* const rec = new_outgoing(destination);
     if (request_connect(rec) != 0 && !file_outgoing(rec, outgoing_phase::waiting)) {
         delete_overlapped(rec); // booked already (decision 11)
     }
-    g_remote_server_map.emplace(destination, 1);
+    g_remote_server_map.merge(count);
     return 0;
 }
 
@@ -270,7 +271,10 @@ struct_epoll_overlapped_tcp* withdraw(struct_node_addr const& destination) HOST_
     if (auto* const rec = find_in(g_connect_map, destination)) {
         close_connecting(rec);
     }
-    auto* const waiting = find_in(g_connect_fail_map, destination);
+    auto* waiting = find_in(g_connect_fail_map, destination);
+    if (waiting == nullptr) {
+        waiting = find_shadowed(outgoing_phase::waiting, destination);
+    }
     if (waiting != nullptr) {
         unfile_outgoing(waiting);
         live_list::unlink(waiting);
@@ -366,7 +370,7 @@ int send_udp(struct_token& token, struct_packet* pkt) {
     Tesk::OS::class_locker const guard(rec->send_lock, nullptr);
     bool const was_idle = rec->send_q.empty();
     rec->send_q.push_back(token);
-    int const result = was_idle ? arm_udp(rec, epoll_udp_send, EPOLL_CTL_MOD, c_send_mask) : 0;
+    int const result = was_idle ? arm(rec, epoll_udp_send, EPOLL_CTL_MOD, c_send_mask) : 0;
     if (result != 0) {
         Tesk::Utility::print_error("epoll.epoll_udp_send 요청 에러\n");
     }

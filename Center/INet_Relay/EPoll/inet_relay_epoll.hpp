@@ -9,6 +9,8 @@
 
 #include "Host/zolt_packet.hpp"
 
+#include <map>
+
 namespace Zolt::Center::INet_Relay {
 
 /// Builds the heartbeat, reads "../Config/zolt.ini", creates the five epoll instances. Result: 0.
@@ -56,6 +58,31 @@ void drop_membership(unsigned long const& group_ip, unsigned long const& interfa
 
 /// The port by which the peer of the established outgoing connection to addr knows this node, or 0.
 unsigned short get_gate_port_of_local(struct_node_addr addr);
+
+// --- what stands when the relay has been finalised ---------------------------------------------------------------
+
+namespace EPoll {
+
+struct struct_epoll_overlapped_tcp;
+
+extern std::map<struct_node_addr, struct_epoll_overlapped_tcp*> g_connect_map;
+extern std::map<struct_node_addr, struct_epoll_overlapped_tcp*> g_connect_fail_map;
+extern std::map<struct_node_addr, struct_epoll_overlapped_tcp*> g_establish_client_map;
+extern std::map<struct_node_addr, struct_epoll_overlapped_tcp*> g_establish_server_map;
+
+int clear_establish_map(std::map<struct_node_addr, struct_epoll_overlapped_tcp*>& map);
+int clear_connect_map(std::map<struct_node_addr, struct_epoll_overlapped_tcp*>& map);
+
+} // namespace EPoll
+
+/// Closes and frees the connections that the relay left to its host. Only after finalize, from one thread; what was
+/// queued for them is offered to the Center as errors.
+inline void clear_leftovers() {
+    EPoll::clear_establish_map(EPoll::g_establish_server_map);
+    EPoll::clear_establish_map(EPoll::g_establish_client_map);
+    EPoll::clear_connect_map(EPoll::g_connect_map);
+    EPoll::clear_connect_map(EPoll::g_connect_fail_map);
+}
 
 } // namespace Zolt::Center::INet_Relay
 

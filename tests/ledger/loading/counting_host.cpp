@@ -7,6 +7,7 @@
 #include "Host/tesk_utility.hpp"
 #include "Host/zolt_global.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -16,22 +17,30 @@ namespace loading {
 
 namespace {
 
+struct made_object {
+    kind what;
+    void const* where;
+};
+
 // Constant-initialised: the relay's globals may be constructed before anything of this host.
-constinit std::array<made_object, 64> made{};
+constinit std::array<void const*, 64> made{};
 constinit std::size_t alive = 0;
 constinit bool reversed = true;
+constinit std::array<made_object, 512> noted{};
+constinit std::size_t notes = 0;
 
 void construct(kind what, void const* where) {
     if (alive < made.size()) {
-        made[alive] = {what, where};
+        made[alive] = where;
     }
     alive++;
+    note(what, where);
 }
 
 // Every object of this program that the host counts lives in the relay's globals, so the last made goes first.
 void destroy(void const* where) {
     alive--;
-    reversed = reversed && alive < made.size() && made[alive].where == where;
+    reversed = reversed && alive < made.size() && made[alive] == where;
     if (alive == 0) {
         char const* const text = reversed ? c_gone_in_reverse : "gone in another order\n";
         if (::write(STDOUT_FILENO, text, std::strlen(text)) == -1) {
@@ -46,8 +55,20 @@ std::size_t objects() {
     return alive;
 }
 
-made_object object(std::size_t index) {
-    return made.at(index);
+void note(kind what, void const* where) {
+    if (notes < noted.size()) {
+        noted[notes] = {what, where};
+    }
+    notes++;
+}
+
+std::size_t find_note(kind what, void const* where, std::size_t from) {
+    for (std::size_t index = from; index < std::min(notes, noted.size()); index++) {
+        if (noted[index].what == what && noted[index].where == where) {
+            return index;
+        }
+    }
+    return c_not_noted;
 }
 
 } // namespace loading
@@ -174,7 +195,9 @@ int zolt_debug_not_send(char const&, struct_token const&, char const* const&, in
 // A token is empty, or stands for the heartbeat: the one header that the relay makes before traffic.
 struct struct_token_node : struct_packet {};
 
-struct_token::struct_token() : node(nullptr) {}
+struct_token::struct_token() : node(nullptr) {
+    loading::note(loading::kind::token, this);
+}
 void struct_token::alloc_header_force() {
     static constinit struct_token_node only_header;
     node = &only_header;

@@ -6,18 +6,17 @@
 
 namespace loading {
 
-enum class kind { none, thread, lock, timer };
+/// destructor: of an object that the host does not see, put down for the end as soon as the object is constructed.
+enum class kind { none, thread, lock, timer, token, destructor };
 
-/// One object of the host's that the relay constructed.
-struct made_object {
-    kind what;
-    void const* where;
-};
-
-/// How many live now.
+/// How many threads, locks and timers live now.
 std::size_t objects();
-/// The n-th of those that live, in the order of construction.
-made_object object(std::size_t index);
+
+/// Writes down that this was constructed.
+void note(kind what, void const* where);
+/// The number of the first note of it, from that number on; c_not_noted without one.
+std::size_t find_note(kind what, void const* where, std::size_t from);
+inline constexpr std::size_t c_not_noted = static_cast<std::size_t>(-1);
 
 /// Written to standard output when the last object is destroyed, provided that each went before those made earlier.
 inline constexpr char const* c_gone_in_reverse = "gone in reverse order\n";

@@ -1,0 +1,17 @@
+# Programs that link the relay's objects otherwise than the tests of each operation do.
+
+# The five event threads alone: everything that they call is the test's.
+add_executable(event_thread_memory_test event_thread_memory_test.cpp
+  $<FILTER:$<TARGET_OBJECTS:inet_relay_objects>,INCLUDE,epoll_thread_>)
+target_link_libraries(event_thread_memory_test PRIVATE house relay_test_allocations GTest::gtest_main Threads::Threads)
+gtest_discover_tests(event_thread_memory_test DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit TIMEOUT 60)
+
+# The scripted host, and the two operators that end an object.
+relay_unit_test(ending_record_test ending_record_test.cpp)
+target_link_options(ending_record_test PRIVATE -Wl,--wrap=_ZdlPv -Wl,--wrap=_ZdlPvm)
+
+# The reference host, and the calls that are handed an address.
+reference_host_test(whole_node_test zolt_reference_host_objects
+  whole_node_test.cpp $<TARGET_OBJECTS:inet_relay_objects>)
+target_link_options(whole_node_test PRIVATE -Wl,--wrap=bind -Wl,--wrap=accept -Wl,--wrap=getsockname
+  -Wl,--wrap=_ZN4Zolt17struct_tcp_headerC1Ev)
