@@ -1,11 +1,12 @@
 // Thousands of connections that come and go at random, and destinations that are withdrawn and added again at once.
 
+#include "tests/race/answering_peer.hpp"
 #include "tests/race/live_relay.hpp"
 
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -17,6 +18,11 @@ using namespace relay_test;
 
 constexpr std::uint32_t c_loopback = Zolt::c_local_host;
 constexpr unsigned c_seed = 20260731;
+
+int count_connections() {
+    char const* const asked = std::getenv("CHURN_CONNECTIONS");
+    return asked != nullptr ? std::atoi(asked) : CHURN_CONNECTIONS;
+}
 
 /// Resident memory in bytes.
 long resident_bytes() {
@@ -87,16 +93,17 @@ void churn::leave(descriptor& peer) {
 
 TEST_F(churn, leaves_nothing_and_takes_no_memory_for_good) {
     constexpr int c_together = 20;
+    int const count = count_connections();
     long after_first_part = 0;
     std::vector<descriptor> here;
-    for (int number = 0; number < CHURN_CONNECTIONS && !HasFailure(); ++number) {
+    for (int number = 0; number < count && !HasFailure(); ++number) {
         here.push_back(join(number));
         act(here.back());
         if (here.size() == c_together) {
             leave(here.front());
             here.erase(here.begin());
         }
-        if (number == CHURN_CONNECTIONS / 4) {
+        if (number == count / 4) {
             after_first_part = resident_bytes();
         }
     }
@@ -105,70 +112,12 @@ TEST_F(churn, leaves_nothing_and_takes_no_memory_for_good) {
     }
     here.clear();
     EXPECT_TRUE(eventually([&] { return is_gone(); }));
-    EXPECT_EQ(center.connected.load(), CHURN_CONNECTIONS);
-    EXPECT_EQ(center.disconnected.load(), CHURN_CONNECTIONS);
+    EXPECT_EQ(center.connected.load(), count);
+    EXPECT_EQ(center.disconnected.load(), count);
     if (CHURN_MEMORY_SHOWS) { // a sanitizer keeps freed memory back
         EXPECT_LT(resident_bytes() - after_first_part, 8 << 20) << "seed " << c_seed;
     }
 }
-
-/// A node that accepts, answers the exchange and resets whatever ends; it works by itself until destroyed.
-class answering_peer {
-public:
-    answering_peer() : listener(listen_loopback(128)), thread([this] { serve(); }) {}
-    ~answering_peer() {
-        is_over = true;
-        thread.join();
-    }
-    std::uint16_t port() const { return local_port(listener); }
-
-private:
-    struct guest {
-        descriptor socket;
-        std::size_t block = 0;
-    };
-
-    void serve() {
-        while (!is_over) {
-            std::vector<::pollfd> watched{{listener.get(), POLLIN, 0}};
-            for (guest const& one : guests) {
-                watched.push_back({one.socket.get(), POLLIN, 0});
-            }
-            ::poll(watched.data(), watched.size(), 5);
-            for (std::size_t i = watched.size() - 1; i > 0; --i) {
-                if (watched[i].revents != 0) {
-                    read_from(i - 1);
-                }
-            }
-            if (watched[0].revents != 0) {
-                guests.push_back({accept_loopback(listener), 0});
-            }
-        }
-    }
-
-    void read_from(std::size_t number) {
-        guest& one = guests[number];
-        unsigned char space[4096];
-        std::size_t const wanted = one.block < c_init_block ? c_init_block - one.block : sizeof space;
-        ssize_t const got = ::recv(one.socket.get(), space, wanted, MSG_DONTWAIT);
-        if (got <= 0) {
-            reset_connection(one.socket); // no port is left waiting
-            guests.erase(guests.begin() + static_cast<std::ptrdiff_t>(number));
-            return;
-        }
-        bool const was_complete = one.block >= c_init_block;
-        one.block += static_cast<std::size_t>(got);
-        if (!was_complete && one.block == c_init_block) {
-            static unsigned char const answer[c_init_block] = {};
-            ::send(one.socket.get(), answer, sizeof answer, MSG_NOSIGNAL);
-        }
-    }
-
-    descriptor listener;
-    std::vector<guest> guests;
-    std::atomic<bool> is_over{false};
-    std::thread thread;
-};
 
 class withdrawing : public churn {
 protected:

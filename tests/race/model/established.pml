@@ -3,6 +3,7 @@
  *
  * Choose the side:      -DOUTGOING or -DACCEPTED
  * Let an arming fail:   -DARM_FAILS (any arming of the send instance), -DBATON_LOST (one re-arming of the receive instance)
+ * Let the timer hurry:  -DHASTY (it ticks again before the receive thread has come from an event to its handler)
  * Take a rule out:      -DWITHOUT_UNFILE      entries that name the record are erased before it is destroyed
  *                       -DWITHOUT_HANDOVER    a record with a send event due is left to the send thread
  *                       -DWITHOUT_DISPOSAL    the send thread destroys a doomed record when nothing is armed any more
@@ -11,6 +12,7 @@
  *                       -DWITHOUT_MARKING     a withdrawal marks a record that is in no registry just now
  *                       -DWITHOUT_TELLING     the Center hears of an end that the receive path found by itself
  *                       -DWITHOUT_REARMING    the timer re-arms a silent record that it shut down before
+ *                       -DWITHOUT_TAKING_BACK the receive thread takes an event back that the timer armed
  */
 #if !defined(OUTGOING) && !defined(ACCEPTED)
 #error "choose a side"
@@ -30,6 +32,7 @@ bool sending = false;
 bool armed_noted = false;       /* send_armed */
 bool doomed = false;
 bool shut_before = false;       /* shut_by_timer */
+bool armed_by_timer = false;
 chan queue = [PACKETS + 2] of { mtype };
 bool at_marker = false;         /* send_ptr is null */
 
@@ -208,6 +211,17 @@ end:
 
 /* --- the receive thread ------------------------------------------------------------------------------------------- */
 
+inline take_back() {
+#ifndef WITHOUT_TAKING_BACK
+    if
+    :: armed_by_timer -> recv_due = false
+    :: else
+    fi
+#else
+    skip
+#endif
+}
+
 inline end_outgoing(item) {
     /* close_client */
     lock_registry();
@@ -218,6 +232,7 @@ inline end_outgoing(item) {
     filed = false;
 #endif
     ending = true;
+    take_back();
     booked = !withdrawn;
     unlock_registry();
     if
@@ -250,6 +265,7 @@ inline end_accepted(item) {
     notices++;
     lock_registry();
     ending = true;
+    take_back();
     unlock_registry();
     lock_send();
     queue_up(marker);
@@ -323,7 +339,11 @@ active proctype timer() {
     byte beats = 0;
 end:
     do
+#ifdef HASTY
+    :: beats < 3 || (timeout && beats < 6) ->
+#else
     :: beats < 1 || (timeout && beats < 6) ->
+#endif
         beats++;
         lock_registry();
         if
@@ -340,7 +360,7 @@ end:
                 shut_both();
 #ifndef WITHOUT_REARMING
                 if
-                :: shut_before -> recv_due = true
+                :: shut_before -> armed_by_timer = true; recv_due = true
                 :: else
                 fi;
 #endif

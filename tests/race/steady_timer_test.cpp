@@ -1,0 +1,83 @@
+// A node with its real timer, and peers that are plain sockets: one of them never reads, with large packets queued for it.
+// The heartbeats that the others get show each tick.
+
+#include "tests/race/traffic/node_process.hpp"
+#include "tests/support/loopback.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace {
+
+using namespace relay_test;
+using namespace std::chrono_literals;
+using clock_type = std::chrono::steady_clock;
+
+constexpr std::size_t c_block = 1024;
+constexpr std::size_t c_heartbeat = 72; // bytes of a header
+constexpr int c_readers = 5;
+constexpr int c_ticks = 4;
+
+descriptor joined(std::uint16_t port) {
+    descriptor peer = connect_loopback(port);
+    write_bytes(peer, bytes(c_block, 0));
+    EXPECT_EQ(read_bytes(peer, c_block).size(), c_block);
+    return peer;
+}
+
+/// Reads what has come; true when that was the first bytes since the last time, and nothing but one heartbeat.
+bool hears_one_beat(descriptor const& peer) {
+    unsigned char space[c_block];
+    ssize_t const got = ::recv(peer.get(), space, sizeof space, MSG_DONTWAIT);
+    EXPECT_TRUE(got == -1 || got == c_heartbeat) << got;
+    return got == c_heartbeat;
+}
+
+class steady_timer : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (int i = 0; i < c_readers; ++i) {
+            readers.push_back(joined(node.port()));
+        }
+    }
+
+    /// Feeds the stuck one, waits for a beat at every reader, and returns when the last one came.
+    clock_type::time_point next_beat(descriptor const& stuck) {
+        std::vector<bool> heard(readers.size(), false);
+        auto const deadline = clock_type::now() + 10s;
+        node.ask("stuff " + std::to_string(local_port(stuck)) + " 4 4194304");
+        while (std::ranges::count(heard, false) != 0 && clock_type::now() < deadline) {
+            ::pollfd first{readers.front().get(), POLLIN, 0};
+            ::poll(&first, 1, 20);
+            for (std::size_t i = 0; i < readers.size(); ++i) {
+                heard[i] = heard[i] || hears_one_beat(readers[i]);
+            }
+        }
+        EXPECT_EQ(std::ranges::count(heard, false), 0) << "readers hear nothing any more";
+        return clock_type::now();
+    }
+
+    traffic::node_process node{1};
+    std::vector<descriptor> readers;
+};
+
+TEST_F(steady_timer, misses_no_tick_beside_a_peer_that_never_reads) {
+    descriptor const stuck = joined(node.port());
+    auto const first = next_beat(stuck);
+    for (int tick = 1; tick <= c_ticks; ++tick) {
+        auto const late = next_beat(stuck) - first - tick * 1s;
+        EXPECT_LT(late, 500ms) << "tick " << tick << ": the next one on the timer's grid is a second later";
+    }
+    auto const figures = node.ask("report").figures;
+    EXPECT_EQ(figures.at("stuffed"), 4u * (c_ticks + 1)) << "the peer had nothing to read";
+    auto const left = node.ask("stop").figures;
+    EXPECT_LT(left.at("stopped_ms"), 1000u);
+    EXPECT_EQ(node.finish(), 0);
+}
+
+} // namespace
