@@ -16,13 +16,19 @@ if(INET_RELAY_SANITIZE MATCHES thread)
   set(center_needs_root "CENTER_NEEDS_ROOT=1")
 endif()
 
+# A sanitizer keeps what was freed: nothing is said about memory then.
+set(center_is_sanitized "")
+if(INET_RELAY_SANITIZE)
+  set(center_is_sanitized "CENTER_IS_SANITIZED=1")
+endif()
+
 # Further arguments: the test classes of the file to run; all without. 77: not possible here.
 function(center_test name file)
   add_test(NAME wire.${name} COMMAND
     ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${file}.py $<TARGET_FILE:zolt-center> ${ARGN})
   set_tests_properties(wire.${name} PROPERTIES
     LABELS wire TIMEOUT 300 SKIP_RETURN_CODE 77
-    ENVIRONMENT "CENTER_DEMO_SIZES=${center_demo_sizes};${center_needs_root}")
+    ENVIRONMENT "CENTER_DEMO_SIZES=${center_demo_sizes};${center_needs_root};${center_is_sanitized}")
 endfunction()
 
 center_test(center_usage center_usage_test)
@@ -31,3 +37,11 @@ center_test(center_traffic center_traffic_test)
 center_test(center_demo_with_networks center_demo_test WithNetworks)
 center_test(center_demo_without_networks center_demo_test WithoutNetworks)
 center_test(center_demo_ending center_demo_test Ending)
+
+# Peers that do what no peer should, and what the others notice of it: nothing.
+center_test(hostile_exchange hostile_exchange_test)
+center_test(hostile_answer hostile_answer_test)
+center_test(hostile_stream_accepted hostile_stream_test Accepted Stopping)
+center_test(hostile_stream_outgoing hostile_stream_test Outgoing)
+center_test(hostile_datagram hostile_datagram_test)
+center_test(hostile_silence hostile_silence_test)
