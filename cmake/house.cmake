@@ -14,3 +14,12 @@ if(INET_RELAY_COVERAGE)
   target_compile_options(house INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(house INTERFACE --coverage)
 endif()
+
+# What ships is hardened besides; tests/ledger/hardening.py reads each of these back from the binaries.
+add_library(shipped INTERFACE)
+target_link_libraries(shipped INTERFACE house)
+target_link_options(shipped INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+if(NOT INET_RELAY_SANITIZE AND NOT INET_RELAY_COVERAGE)
+  target_compile_options(shipped INTERFACE
+    -fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
