@@ -6,6 +6,7 @@
 #include "Host/tesk_inet.hpp"
 #include "Host/tesk_os.hpp"
 
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -112,6 +113,7 @@ void drain_acknowledgements(struct_epoll_overlapped_tcp* rec, std::vector<struct
         if (rec->ack_q.empty()) {
             return;
         }
+        replies.reserve(replies.size() + 1);
         struct_token reply;
         if (return_as_error(rec->ack_q.front(), c_zolt_err_disconnected_tcp, reply)) {
             replies.push_back(reply);
@@ -161,20 +163,35 @@ void timer_cancel_connect(std::uint64_t now) {
     }
 }
 
-void timer_shutdown_server(std::uint64_t now) {
-    std::vector<struct_token> replies;
-    {
-        Tesk::OS::class_locker const guard(&g_establish_server_map_lock, nullptr);
-        for (auto* rec : beat_and_find_silent(c_server_side, now)) {
-            shut_down_silent(c_server_side, rec, now);
-            drain_acknowledgements(rec, replies);
-        }
-        cut_overdue(g_accepted_exchanging, now);
-        cut_overdue(g_accepted_ending, now);
+namespace {
+
+void shut_down_accepted(std::uint64_t now, std::vector<struct_token>& replies) {
+    Tesk::OS::class_locker const guard(&g_establish_server_map_lock, nullptr);
+    for (auto* rec : beat_and_find_silent(c_server_side, now)) {
+        shut_down_silent(c_server_side, rec, now);
+        drain_acknowledgements(rec, replies);
     }
+    cut_overdue(g_accepted_exchanging, now);
+    cut_overdue(g_accepted_ending, now);
+}
+
+void offer_all(std::vector<struct_token>& replies) {
     for (struct_token& reply : replies) {
         send_center(reply, reply.get_header_packet());
     }
+}
+
+} // namespace
+
+void timer_shutdown_server(std::uint64_t now) {
+    std::vector<struct_token> replies;
+    try {
+        shut_down_accepted(now, replies);
+    } catch (...) {
+        offer_all(replies);
+        throw;
+    }
+    offer_all(replies);
 }
 
 void timer_shutdown_client(std::uint64_t now) {
@@ -227,7 +244,12 @@ int request_send_hearbeat(struct_epoll_overlapped_tcp* rec) {
         return 0;
     }
     heartbeat_token.ref_header();
-    start_or_queue(rec, heartbeat_token, heartbeat_pkt);
+    try {
+        start_or_queue(rec, heartbeat_token, heartbeat_pkt);
+    } catch (std::bad_alloc const&) {
+        heartbeat_token.free_header();
+        throw;
+    }
     return 0;
 }
 

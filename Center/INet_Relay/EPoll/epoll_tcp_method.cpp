@@ -238,9 +238,13 @@ void clear_send_q(struct_epoll_overlapped_tcp* rec) {
         if (!token.has_header()) {
             continue;
         }
-        struct_token reply;
-        if (return_as_error(token, c_zolt_err_not_connected_tcp, reply)) {
-            send_center(reply, reply.get_header_packet());
+        try {
+            struct_token reply;
+            if (return_as_error(token, c_zolt_err_not_connected_tcp, reply)) {
+                send_center(reply, reply.get_header_packet());
+            }
+        } catch (std::bad_alloc const&) {
+            // No memory for the reply: the packet is dropped, the record must go all the same.
         }
         token.free_header();
     }
@@ -466,7 +470,12 @@ void wait_ack(struct_epoll_overlapped_tcp* rec, struct_token& token, struct_pack
     struct_token waiting;
     waiting.set_header(token);
     Tesk::OS::class_locker const guard(rec->ack_lock, nullptr);
-    rec->ack_q.push_back(waiting);
+    try {
+        rec->ack_q.push_back(waiting);
+    } catch (std::bad_alloc const&) {
+        waiting.free_header();
+        throw;
+    }
 }
 
 namespace {
@@ -583,7 +592,12 @@ void acknowledge(struct_epoll_overlapped_tcp* rec, struct_packet* received) {
     answer->set_swap_acktype();
     answer->set_data_size(0);
     Tesk::OS::class_locker const guard(rec->send_lock, nullptr);
-    start_or_queue(rec, token, answer);
+    try {
+        start_or_queue(rec, token, answer);
+    } catch (std::bad_alloc const&) {
+        token.free();
+        throw;
+    }
 }
 
 /// Deliberate: the oldest waiting packet is released, whichever one the acknowledgement means.

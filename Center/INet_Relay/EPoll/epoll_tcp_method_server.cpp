@@ -292,8 +292,10 @@ bool leave_to_send_thread(struct_epoll_overlapped_tcp* rec) {
 
 } // namespace
 
-void shutdown_server(struct_epoll_overlapped_tcp* rec) {
-    unestablish_accept(rec);
+namespace {
+
+/// The record's end, whether or not the Center could be told.
+void end_accepted(struct_epoll_overlapped_tcp* rec) {
     {
         Tesk::OS::class_locker const guard(&g_establish_server_map_lock, nullptr);
         begin_ending(g_accepted_ending, rec);
@@ -302,6 +304,18 @@ void shutdown_server(struct_epoll_overlapped_tcp* rec) {
     if (!leave_to_send_thread(rec)) {
         delete_overlapped(rec);
     }
+}
+
+} // namespace
+
+void shutdown_server(struct_epoll_overlapped_tcp* rec) {
+    try {
+        unestablish_accept(rec);
+    } catch (...) {
+        end_accepted(rec);
+        throw;
+    }
+    end_accepted(rec);
 }
 
 // --- receive and send, the accepting side's names --------------------------------------------------------------

@@ -12,6 +12,17 @@ void end_thread_on_failure(int result, char const* step) {
     }
 }
 
+/// The record ends also when there is no memory to tell the Center of it.
+void end_established_client(struct_epoll_overlapped_tcp* rec) {
+    try {
+        unestablish_connect(rec);
+    } catch (...) {
+        close_client(rec);
+        throw;
+    }
+    close_client(rec);
+}
+
 void dispatch_error(struct_epoll_overlapped_tcp* rec) {
     switch (rec->kind) {
     case c_kind_accepted:
@@ -24,8 +35,7 @@ void dispatch_error(struct_epoll_overlapped_tcp* rec) {
         shutdown_server(rec);
         return;
     case c_kind_established_client:
-        unestablish_connect(rec);
-        close_client(rec);
+        end_established_client(rec);
         return;
     default:
         return;

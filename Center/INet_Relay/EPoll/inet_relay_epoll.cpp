@@ -12,6 +12,7 @@
 #include "Host/tesk_utility.hpp"
 
 #include <limits>
+#include <new>
 #include <string>
 
 #include <netinet/in.h>
@@ -354,7 +355,12 @@ int send_tcp_broadcast(struct_token& token, struct_packet* pkt) {
         header->set_src_port(rec->gate_port);
         trace(c_site_broadcast, copy, "tcp broadcast send");
         Tesk::OS::class_locker const guard(rec->send_lock, nullptr);
-        start_or_queue(rec, copy, header);
+        try {
+            start_or_queue(rec, copy, header);
+        } catch (std::bad_alloc const&) {
+            copy.free();
+            throw;
+        }
     }
     return 0;
 }

@@ -7,6 +7,7 @@
 #ifndef CENTER_INET_RELAY_EPOLL_INET_RELAY_EPOLL_HPP
 #define CENTER_INET_RELAY_EPOLL_INET_RELAY_EPOLL_HPP
 
+#include "Host/lock_annotations.hpp"
 #include "Host/zolt_packet.hpp"
 
 #include <map>
@@ -77,7 +78,7 @@ int clear_connect_map(std::map<struct_node_addr, struct_epoll_overlapped_tcp*>& 
 
 /// Closes and frees the connections that the relay left to its host. Only after finalize, from one thread; what was
 /// queued for them is offered to the Center as errors.
-inline void clear_leftovers() {
+inline void clear_leftovers() HOST_NO_LOCK_ANALYSIS {
     EPoll::clear_establish_map(EPoll::g_establish_server_map);
     EPoll::clear_establish_map(EPoll::g_establish_client_map);
     EPoll::clear_connect_map(EPoll::g_connect_map);
