@@ -9,6 +9,18 @@
 #include <cstring>
 #include <new>
 
+// The address sanitizer finds what happens to freed memory better, and wants its own operators.
+#if defined(__SANITIZE_ADDRESS__)
+#define SIMULATION_KEEPS_RECORDS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define SIMULATION_KEEPS_RECORDS 0
+#endif
+#endif
+#if !defined(SIMULATION_KEEPS_RECORDS)
+#define SIMULATION_KEEPS_RECORDS 1
+#endif
+
 namespace simulation {
 namespace {
 
@@ -24,7 +36,7 @@ struct destroyed_records {
 constinit destroyed_records g_destroyed;
 
 /// True when the record is kept, false when there is no room for it.
-bool keep(void* record) {
+[[maybe_unused]] bool keep(void* record) {
     if (g_destroyed.count == c_most) {
         return false;
     }
@@ -72,8 +84,7 @@ void release_destroyed() {
 
 } // namespace simulation
 
-// The address sanitizer does this better, and wants its own operators.
-#if !defined(__SANITIZE_ADDRESS__)
+#if SIMULATION_KEEPS_RECORDS
 
 void* operator new(std::size_t size) {
     void* const memory = std::malloc(size == 0 ? 1 : size);
