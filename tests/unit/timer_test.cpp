@@ -117,6 +117,15 @@ TEST_F(ticking, holds_one_registry_lock_after_the_other) {
 
 class cancelling_a_connect : public timer_fixture {};
 
+TEST_F(cancelling_a_connect, leaves_a_record_without_a_socket_alone) {
+    tcp_record* const rec = connecting("rec");
+    int const fd = std::exchange(rec->fd, -1);
+    forget_calls();
+    EPoll::timer_cancel_connect(rec->send_clock + c_timeout + 1);
+    rec->fd = fd;
+    EXPECT_THAT(journal_lines(about::system), IsEmpty());
+}
+
 TEST_F(cancelling_a_connect, waits_for_more_than_the_time_out) {
     tcp_record* const rec = connecting("rec");
     rec->send_clock = 500;

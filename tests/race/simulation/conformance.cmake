@@ -1,7 +1,4 @@
-# The simulated kernel, and the test that it does what the real one does. Included in tests/race.
-
-set(simulated_kernel_sources kernel.cpp kernel_events.cpp kernel_tcp.cpp kernel_udp.cpp kernel_wire.cpp)
-list(TRANSFORM simulated_kernel_sources PREPEND ${CMAKE_CURRENT_LIST_DIR}/)
+# The test that the simulated kernel does what the real one does.
 
 set(conformance_sources
   conformance_events.cpp
@@ -10,11 +7,9 @@ set(conformance_sources
   conformance_streams.cpp
   conformance_test.cpp
   conformance_worlds.cpp
-  kernel_test.cpp
-  parking.cpp
-  scheduler.cpp)
+  kernel_test.cpp)
 list(TRANSFORM conformance_sources PREPEND ${CMAKE_CURRENT_LIST_DIR}/)
 
-add_executable(kernel_conformance_test ${conformance_sources} ${simulated_kernel_sources})
+add_executable(kernel_conformance_test ${conformance_sources} $<TARGET_OBJECTS:simulation_kernel>)
 target_link_libraries(kernel_conformance_test PRIVATE house Threads::Threads GTest::gtest_main)
 gtest_discover_tests(kernel_conformance_test DISCOVERY_TIMEOUT 60 PROPERTIES LABELS race TIMEOUT 120)

@@ -192,7 +192,8 @@ void run_connecting() {
 void add_and_withdraw(std::uint32_t number, std::size_t rounds) {
     for (std::size_t i = 0; i < rounds; ++i) {
         INet_Relay::add_client(ip_of(number), c_peer_port);
-        pass_time(1000 * scenario_dice().below(1200));
+        // Within the connect and the exchange, or at any time of the connection's life.
+        pass_time(scenario_dice().one_in(2) ? scenario_dice().below(120) : 1000 * scenario_dice().below(1200));
         INet_Relay::del_client(ip_of(number), c_peer_port);
     }
 }

@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
 """Copies the relay's sources with one rule of ownership taken out, for a simulation that has to notice.
 
-Usage: break_rule.py RULE SOURCE_ROOT TARGET_ROOT
+Usage: break_rule.py RULE SOURCE_ROOT TARGET SOURCE...
+
+The sources that the rule stands in are written to the folder TARGET.
 
 Each change names a source and the very text that it replaces; a text that does not stand there exactly once is an error, so
 a rule cannot get lost when the relay changes.
 """
 
-import shutil
 import sys
 from pathlib import Path
 
@@ -42,19 +43,24 @@ RULES = {
         ("epoll_tcp_method_client.cpp",
          "            Tesk::OS::class_locker const guard(rec->send_lock, nullptr);\n            remain = send_init_block",
          "            remain = send_init_block"),
+        # As a count without a sign would be compared.
         ("epoll_tcp_method_client.cpp", "        if (remain < 0) {\n", "        if (remain == -1) {\n"),
+        ("epoll_tcp_method_client.cpp", "        if (remain > 0) {\n", "        if (remain != 0) {\n"),
     ],
 }
 
 
-def main(rule, source_root, target_root):
-    source, target = Path(source_root, ENGINE), Path(target_root, ENGINE)
-    shutil.copytree(source, target, dirs_exist_ok=True)
+def main(rule, source_root, target, *names):
+    if set(names) != {name for name, _, _ in RULES[rule]}:
+        sys.exit(f"{rule}: changes other sources than {' '.join(names)}")
+    Path(target).mkdir(parents=True, exist_ok=True)
+    texts = {name: Path(source_root, ENGINE, name).read_text(encoding="utf-8") for name in names}
     for name, before, after in RULES[rule]:
-        text = (target / name).read_text(encoding="utf-8")
-        if text.count(before) != 1:
-            sys.exit(f"{rule}: {name}: stands there {text.count(before)} times instead of once:\n{before}")
-        (target / name).write_text(text.replace(before, after), encoding="utf-8")
+        if texts[name].count(before) != 1:
+            sys.exit(f"{rule}: {name}: stands there {texts[name].count(before)} times instead of once:\n{before}")
+        texts[name] = texts[name].replace(before, after)
+    for name, text in texts.items():
+        Path(target, name).write_text(text, encoding="utf-8")
 
 
 if __name__ == "__main__":
