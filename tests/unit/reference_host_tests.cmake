@@ -14,14 +14,16 @@ function(reference_host_test name objects)
     PROPERTIES LABELS "unit;pin" TIMEOUT 60)
 endfunction()
 
-reference_host_test(packets_test zolt_reference_host_ledger
-  packets_test.cpp inbox_test.cpp ledger_test.cpp wire_format_test.cpp nothrow_memory.cpp)
-target_link_libraries(packets_test PRIVATE relay_test_allocations)
+if(can_replace_new)
+  reference_host_test(packets_test zolt_reference_host_ledger
+    packets_test.cpp inbox_test.cpp ledger_test.cpp wire_format_test.cpp nothrow_memory.cpp)
+  target_link_libraries(packets_test PRIVATE relay_test_allocations)
+endif()
 
 reference_host_test(runtime_test zolt_reference_host_objects
   runtime_test.cpp output_test.cpp ini_file_test.cpp)
 
-if(NOT INET_RELAY_LEDGER)
+if(NOT INET_RELAY_LEDGER AND can_replace_new)
   reference_host_test(recycler_test zolt_reference_host_objects recycler_test.cpp nothrow_memory.cpp)
   target_link_libraries(recycler_test PRIVATE relay_test_allocations)
 endif()

@@ -1,10 +1,12 @@
 # Programs that link the relay's objects otherwise than the tests of each operation do.
 
 # The five event threads alone: everything that they call is the test's.
-add_executable(event_thread_memory_test event_thread_memory_test.cpp
-  $<FILTER:$<TARGET_OBJECTS:inet_relay_objects>,INCLUDE,epoll_thread_>)
-target_link_libraries(event_thread_memory_test PRIVATE house relay_test_allocations GTest::gtest_main Threads::Threads)
-gtest_discover_tests(event_thread_memory_test DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit TIMEOUT 60)
+if(can_replace_new)
+  add_executable(event_thread_memory_test event_thread_memory_test.cpp
+    $<FILTER:$<TARGET_OBJECTS:inet_relay_objects>,INCLUDE,epoll_thread_>)
+  target_link_libraries(event_thread_memory_test PRIVATE house relay_test_allocations GTest::gtest_main Threads::Threads)
+  gtest_discover_tests(event_thread_memory_test DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit TIMEOUT 60)
+endif()
 
 # The scripted host, and the two operators that end an object.
 relay_unit_test(ending_record_test ending_record_test.cpp)
