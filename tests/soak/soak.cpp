@@ -49,7 +49,6 @@ constexpr std::size_t c_outgoing = 20;
 constexpr std::uint64_t c_hour = 3600;       ///< ticks
 constexpr std::uint64_t c_longest_rest = 60; ///< ticks until all are connected again
 constexpr std::size_t c_talking_turns = 4;   ///< each peer talks at every fourth tick
-constexpr std::size_t c_offered = 4; ///< parts that a thread keeps of its last offer, for the threads that offer
 constexpr long c_heap_allowance = 512 << 10; ///< bytes
 constexpr auto c_patience = std::chrono::seconds(30);
 
