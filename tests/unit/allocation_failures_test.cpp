@@ -153,4 +153,20 @@ TEST_F(allocation_failures, of_an_acceptance_destroy_the_record) {
     EXPECT_EQ(notices, 0);
 }
 
+TEST_F(allocation_failures, can_hit_a_silent_connection_only_now_and_then_however_many_packets_wait) {
+    constexpr int c_waiting = 1000;
+    tcp_record* const rec = filed_accepted("rec");
+    for (int i = 0; i < c_waiting; ++i) {
+        rec->ack_q.push_back(make_token({.call = true}));
+    }
+    EPoll::g_auto_disconnect = true;
+    long const before = count_relay_allocations();
+    {
+        relay_section const section;
+        EPoll::timer_shutdown_server(rec->recv_clock + EPoll::c_connection_timeout + 1);
+    }
+    EXPECT_LT(count_relay_allocations() - before, 50);
+    EXPECT_TRUE(rec->ack_q.empty());
+}
+
 } // namespace

@@ -1,7 +1,9 @@
 // Sockets that report arrivals by edges: what fails there must not leave the rest unheard.
+#include "tests/support/allocations.hpp"
 #include "tests/unit/udp_fixture.hpp"
 
 #include <cerrno>
+#include <new>
 
 namespace {
 
@@ -155,6 +157,24 @@ TEST_F(connections_after_a_failed_accept, are_taken_with_the_next_tick) {
     ASSERT_EQ(due(c_now), listening);
     EXPECT_EQ(EPoll::accept(listening), 0);
     EXPECT_NE(EPoll::g_accepted_exchanging.first, nullptr);
+}
+
+TEST_F(connections_after_a_failed_accept, are_taken_when_there_was_no_memory_for_it) {
+    descriptor const first = connect_loopback(port);
+    descriptor const second = connect_loopback(port);
+    EPoll::struct_epoll_overlapped* const listening = due(c_soon);
+    ASSERT_NE(listening, nullptr);
+    record(false); // the harness takes no memory of its own then
+    {
+        relay_section const section;
+        fail_relay_allocation(1);
+        EXPECT_THROW(EPoll::accept(listening), std::bad_alloc);
+        fail_relay_allocation(0);
+    }
+    ASSERT_EQ(due(c_now), nullptr);
+    EPoll::timer_look_again();
+    EXPECT_EQ(due(c_now), listening);
+    record(true);
 }
 
 TEST_F(connections_after_a_failed_accept, need_no_look_when_it_went_well) {

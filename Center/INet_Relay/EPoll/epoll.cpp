@@ -113,7 +113,9 @@ void drain_acknowledgements(struct_epoll_overlapped_tcp* rec, std::vector<struct
         if (rec->ack_q.empty()) {
             return;
         }
-        replies.reserve(replies.size() + 1);
+        if (replies.size() == replies.capacity()) {
+            replies.reserve(2 * replies.size() + 1); // before there is a reply that could be lost
+        }
         struct_token reply;
         if (return_as_error(rec->ack_q.front(), c_zolt_err_disconnected_tcp, reply)) {
             replies.push_back(reply);

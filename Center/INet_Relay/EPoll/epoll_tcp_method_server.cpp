@@ -290,10 +290,6 @@ bool leave_to_send_thread(struct_epoll_overlapped_tcp* rec) {
     return false;
 }
 
-} // namespace
-
-namespace {
-
 /// The record's end, whether or not the Center could be told.
 void end_accepted(struct_epoll_overlapped_tcp* rec) {
     {
