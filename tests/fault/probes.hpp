@@ -21,6 +21,8 @@ private:
     bool probe_outgoing(int patience);
     bool probe_udp(int patience);
     bool exchange_packets(EPoll::connection_map const& registry, peer& with, int patience);
+    /// True when the Center was told of that packet after the first "told" ones.
+    bool came_since(std::size_t told, std::uint32_t sequence) const;
     /// Serves until it is so; what wakes the relay once more is done a few times meanwhile.
     bool nudge_until(std::function<bool()> const& is_so, int patience, std::function<void()> const& nudge);
 };

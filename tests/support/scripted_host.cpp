@@ -79,14 +79,17 @@ int next_of(std::deque<int> host_state::*script, int fallback) {
     return next;
 }
 
-void write_error(char const* name, error_line line) {
+// The line in the journal comes after the error is there to be taken: tests wait for the line.
+void write_error(char const* name, error_line const& line) {
+    {
+        host_state& s = state();
+        std::lock_guard const hold(s.guard);
+        s.errors.push_back(line);
+    }
     note(about::error, "", name, line.text.c_str());
     if (auto const hook = get_member(&host_state::error_hook)) {
         hook(line);
     }
-    host_state& s = state();
-    std::lock_guard const hold(s.guard);
-    s.errors.push_back(std::move(line));
 }
 
 // How the arguments of a format are to be read. The delete trace names six conversions and comes with two texts.
