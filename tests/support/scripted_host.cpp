@@ -79,17 +79,18 @@ int next_of(std::deque<int> host_state::*script, int fallback) {
     return next;
 }
 
-// The line in the journal comes after the error is there to be taken: tests wait for the line.
+// The line in the journal comes last, when the error is there to be taken: tests wait for the line. A hook that throws
+// stands for a host that could not print.
 void write_error(char const* name, error_line const& line) {
+    if (auto const hook = get_member(&host_state::error_hook)) {
+        hook(line);
+    }
     {
         host_state& s = state();
         std::lock_guard const hold(s.guard);
         s.errors.push_back(line);
     }
     note(about::error, "", name, line.text.c_str());
-    if (auto const hook = get_member(&host_state::error_hook)) {
-        hook(line);
-    }
 }
 
 // How the arguments of a format are to be read. The delete trace names six conversions and comes with two texts.
