@@ -44,14 +44,20 @@ std::uint32_t ip_of(std::uint32_t number) {
     return 10U | number << 24;
 }
 
-node::node() : host(net, ip_of(1)), locks_before(count_locks()) {
+node::node() : node(std::span(&c_port, 1)) {
+    the_center.open();
+    is_center_open = true;
+}
+
+node::node(std::span<std::uint16_t const> ports) : host(net, ip_of(1)), locks_before(count_locks()) {
     set_relay_kernel(&host);
     carrier = spawn("network", [this] { carry(); });
     INet_Relay::initialize();
-    require(INet_Relay::add_server(c_port) == 0, "the relay cannot listen");
+    for (std::uint16_t const port : ports) {
+        require(INet_Relay::add_server(port) == 0, "the relay cannot listen");
+    }
     resting_locks = count_locks();
     INet_Relay::start();
-    the_center.open();
 }
 
 void node::carry() {
@@ -99,7 +105,12 @@ void node::shut_down() {
     INet_Relay::finalize();
     clear_registries();
     Zolt::Reference_Host::release_offered();
-    the_center.close();
+    if (is_center_open) {
+        the_center.close();
+    }
+    if (on_finalized) {
+        on_finalized();
+    }
     if (host.count_open() != 0) {
         fail("a descriptor is left open: " + host.list_open().front());
     }

@@ -6,7 +6,9 @@
 #include "tests/race/simulation/kernel.hpp"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -24,6 +26,8 @@ class node {
 public:
     /// Initialises and starts the relay, listening at c_port, and the Center.
     node();
+    /// The same at those ports, with a Center of the scenario's own, which takes what is delivered from the inbox.
+    explicit node(std::span<std::uint16_t const> ports);
     ~node();
     node(node const&) = delete;
     node& operator=(node const&) = delete;
@@ -40,6 +44,9 @@ public:
     /// packet. At any time.
     void shut_down();
 
+    /// Called between finalize and the check that nothing is left.
+    std::function<void()> on_finalized;
+
     network net;
     center the_center;
 
@@ -51,6 +58,7 @@ private:
     std::vector<actor> peers;
     actor carrier = -1;
     bool is_over = false;
+    bool is_center_open = false;
     long locks_before;
     long resting_locks = 0; ///< while the relay runs and has no TCP record
 };

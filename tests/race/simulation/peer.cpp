@@ -19,6 +19,8 @@ constexpr std::size_t c_block = 1024;
 constexpr moment c_patience = 30000000;
 constexpr std::uint32_t c_over = EPOLLERR | EPOLLHUP;
 
+} // namespace
+
 std::array<unsigned char, c_header_size> make_header(packet_kind kind, std::uint32_t data_size,
                                                      std::uint64_t sequence) {
     std::array<unsigned char, c_header_size> header{};
@@ -32,7 +34,17 @@ std::array<unsigned char, c_header_size> make_header(packet_kind kind, std::uint
     return header;
 }
 
-} // namespace
+std::uint32_t any_size() {
+    constexpr std::array<std::uint32_t, 5> c_sizes{16, 17, 40, 300, 1500};
+    return c_sizes[scenario_dice().below(c_sizes.size())];
+}
+
+packet_kind any_kind() {
+    constexpr std::array<packet_kind, 5> c_kinds{packet_kind::data, packet_kind::call_return,
+                                                 packet_kind::signal_return, packet_kind::command_udp,
+                                                 packet_kind::information_udp};
+    return c_kinds[scenario_dice().below(c_kinds.size())];
+}
 
 farewell choose_farewell() {
     return static_cast<farewell>(scenario_dice().below(c_farewells));

@@ -6,6 +6,7 @@
 #include "tests/race/simulation/center.hpp"
 #include "tests/race/simulation/kernel.hpp"
 
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -15,6 +16,14 @@ namespace simulation {
 enum class farewell { close, reset, half_close, silence, shutdown_both };
 inline constexpr std::size_t c_farewells = 5;
 farewell choose_farewell();
+
+/// The header of a packet as it travels, that never times out.
+std::array<unsigned char, Zolt::Reference_Host::c_header_size> make_header(packet_kind kind, std::uint32_t data_size,
+                                                                           std::uint64_t sequence);
+/// Bytes of data, at least sizeof(serial) and never more than a small datagram carries.
+std::uint32_t any_size();
+/// A kind of packet that a Center hands over.
+packet_kind any_kind();
 
 /// One connection of a peer; the descriptor is closed with it.
 class conversation {

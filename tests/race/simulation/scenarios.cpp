@@ -1,6 +1,7 @@
 #include "tests/race/simulation/scenarios.hpp"
 
 #include "Center/INet_Relay/EPoll/inet_relay_epoll.hpp"
+#include "tests/race/simulation/datagrams.hpp"
 #include "tests/race/simulation/host.hpp"
 #include "tests/race/simulation/node.hpp"
 #include "tests/race/simulation/peer.hpp"
@@ -16,11 +17,6 @@ namespace {
 namespace INet_Relay = Zolt::Center::INet_Relay;
 
 constexpr std::uint16_t c_peer_port = 7000;
-
-std::uint32_t any_size() {
-    constexpr std::array<std::uint32_t, 5> c_sizes{16, 17, 40, 300, 1500};
-    return c_sizes[scenario_dice().below(c_sizes.size())];
-}
 
 // --- what peers do ---------------------------------------------------------------------------------------------------
 
@@ -134,13 +130,6 @@ void serve(kernel& host, std::uint32_t number, std::uint32_t connections, std::s
 
 // --- what the Center's threads do --------------------------------------------------------------------------------------
 
-packet_kind any_kind() {
-    constexpr std::array<packet_kind, 5> c_kinds{packet_kind::data, packet_kind::call_return,
-                                                 packet_kind::signal_return, packet_kind::command_udp,
-                                                 packet_kind::information_udp};
-    return c_kinds[scenario_dice().below(c_kinds.size())];
-}
-
 /// Hands packets to whoever is connected.
 void speak(node& n, std::size_t steps) {
     for (std::size_t i = 0; i < steps; ++i) {
@@ -204,8 +193,9 @@ void run_withdrawing() {
     bool is_done = false;
     n.spawn_peer("peer", [&host, &is_done] {
         listening_peer peer(host, 2);
-        for (std::uint32_t epoch = 0; !is_done; ++epoch) {
-            peer.serve_one(epoch, 2, now() + 3000000);
+        std::uint32_t epoch = 0;
+        while (!is_done) {
+            peer.serve_one(epoch++, 2, now() + 3000000);
         }
     });
     int running = 2;
@@ -350,7 +340,7 @@ void run_cutting() {
     finish(n);
 }
 
-constexpr std::array<scenario, 9> c_scenarios{{
+constexpr std::array<scenario, 11> c_scenarios{{
     {"accepting", "peers connect, talk and leave in every way", run_accepting},
     {"connecting", "destinations are connected to, lost and connected to again", run_connecting},
     {"withdrawing", "two threads add and withdraw one destination", run_withdrawing},
@@ -360,6 +350,8 @@ constexpr std::array<scenario, 9> c_scenarios{{
     {"stopping", "the Center stops the relay at any moment", run_stopping},
     {"refusing", "nobody listens or nobody answers, and then somebody does", run_refusing},
     {"cutting", "every connection is reset from outside", run_cutting},
+    {"datagrams", "datagrams both ways, bad ones among them, until all have come to their end", run_datagrams},
+    {"last_datagrams", "the same, and the Center stops the relay at any moment", run_last_datagrams},
 }};
 
 } // namespace

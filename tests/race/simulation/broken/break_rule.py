@@ -47,6 +47,16 @@ RULES = {
         ("epoll_tcp_method_client.cpp", "        if (remain < 0) {\n", "        if (remain == -1) {\n"),
         ("epoll_tcp_method_client.cpp", "        if (remain > 0) {\n", "        if (remain != 0) {\n"),
     ],
+    # A port that dropped a datagram waits for the next arrival, which a full socket never has.
+    "look_again": [
+        ("epoll.cpp", "    timer_reconnect_client();\n    timer_look_again();\n", "    timer_reconnect_client();\n"),
+    ],
+    # Whether the send thread has a datagram's event due is decided before the lock is taken under which it is sent.
+    "datagram_arming": [
+        ("inet_relay_epoll.cpp",
+         "    Tesk::OS::class_locker const guard(rec->send_lock, nullptr);\n    bool const was_idle = rec->send_q.empty();\n",
+         "    bool const was_idle = rec->send_q.empty();\n    Tesk::OS::class_locker const guard(rec->send_lock, nullptr);\n"),
+    ],
 }
 
 
