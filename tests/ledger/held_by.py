@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Checks that each entry of docs/decisions.md says what holds it, and that what it names is there.
+"""Checks that each entry of docs/decisions.md and each row of docs/known-limits.md says what holds it, and that what it
+names is there.
 
 Usage: held_by.py ROOT. A name is a test ("suite.test"), a test as ctest lists it, or a path from the root.
 """
@@ -11,11 +12,15 @@ from pathlib import Path
 
 import tree
 
-PAGE = "docs/decisions.md"
+DECISIONS = "docs/decisions.md"
 ENTRY = re.compile(r"^(?P<number>\d+)\. (?P<text>.*?)(?=^\d+\. |^#|\Z)", re.MULTILINE | re.DOTALL)
 HELD_BY = re.compile(r"^ +Held by: (?P<what>.*)\Z", re.MULTILINE | re.DOTALL)
 REASON = re.compile(r"nothing; \w+(?: \S+){2}")
 NAME = re.compile(r"`([^`]+)`")
+
+LIMITS = "docs/known-limits.md"
+COLUMN = "held by"
+RULE = re.compile(r"[|: -]+")
 
 GTEST = re.compile(r"^TEST(?:_[FP])?\(\s*(\w+)\s*,\s*(\w+)\s*\)", re.MULTILINE)
 CTEST = re.compile(r"add_test\(NAME (\w+)\.(\$\{)?(\w+)(?![\w$])")
@@ -49,16 +54,32 @@ def ctests(root):
             yield from (f"{prefix}.{name}" for prefix in prefixes for name in calls)
 
 
-def complaints(root, text, known):
-    """What is wrong with one entry."""
-    held_by = HELD_BY.search(text.rstrip())
-    if held_by is None:
+def decisions(text):
+    """Each entry's number, what it says holds it (None when it does not say), and that a reason may stand for a test."""
+    for entry in ENTRY.finditer(text):
+        held_by = HELD_BY.search(entry["text"].rstrip())
+        yield entry["number"], held_by and held_by["what"], True
+
+
+def limits(text):
+    """The same of each row of a table with the column; only a test can hold the figure that a row gives."""
+    rows = [[cell.strip() for cell in line.strip().strip("|").split("|")] for line in text.splitlines()
+            if line.startswith("|") and not RULE.fullmatch(line)]
+    head = rows[0] if rows else []
+    if COLUMN not in head:
+        yield "its table", None, False
+    for row in rows[1:]:
+        yield row[0], dict(zip(head, row)).get(COLUMN), False
+
+
+def complaints(root, what, may_be_a_reason, known):
+    """What is wrong with one entry or row."""
+    if what is None:
         yield "does not say what holds it"
         return
-    what = held_by["what"]
     names = NAME.findall(what)
-    if not names and not REASON.match(what):
-        yield 'names neither a test nor, after "nothing; ", a reason'
+    if not names and not (may_be_a_reason and REASON.match(what)):
+        yield 'names neither a test nor, after "nothing; ", a reason' if may_be_a_reason else "names no test"
     for name in names:
         is_path = "/" in name and (Path(root) / name).exists()
         if name not in known and not is_path:
@@ -67,8 +88,10 @@ def complaints(root, text, known):
 
 def findings(root):
     known = {*gtests(root), *unittests(root), *ctests(root)}
-    for entry in ENTRY.finditer(tree.read(root, PAGE)):
-        yield from (f"{PAGE}: {entry['number']}: {complaint}" for complaint in complaints(root, entry["text"], known))
+    for page, claims in ((DECISIONS, decisions), (LIMITS, limits)):
+        for where, what, may_be_a_reason in claims(tree.read(root, page)):
+            yield from (f"{page}: {where}: {complaint}"
+                        for complaint in complaints(root, what, may_be_a_reason, known))
 
 
 if __name__ == "__main__":

@@ -134,8 +134,8 @@ class PlantedInTree(unittest.TestCase):
         self.assertEqual(list(callers.findings(self.root)), [])
 
 
-class PlantedInDecisions(unittest.TestCase):
-    """A page of decisions beside a few tests."""
+class PlantedInPages(unittest.TestCase):
+    """A page of decisions and a table of limits beside a few tests."""
 
     FILES = {
         "tests/unit/a_test.cpp": "TEST_F(suite, holds) {\n}\nTEST_P(suite, holds_each) {\n}\n// TEST(suite, gone)\n",
@@ -144,9 +144,12 @@ class PlantedInDecisions(unittest.TestCase):
                                 "  add_test(NAME kind.${name} COMMAND ${name})\nendfunction()\nkind(one)\n",
     }
 
-    def check(self, page):
+    HEAD = "| limit | threshold | held by |\n|---|---|---|\n"
+
+    def check(self, decisions, limits=HEAD):
+        pages = {held_by.DECISIONS: decisions, held_by.LIMITS: f"# Limits\n\n{limits}"}
         with tempfile.TemporaryDirectory() as folder:
-            for name, text in {**self.FILES, held_by.PAGE: page}.items():
+            for name, text in {**self.FILES, **pages}.items():
                 path = Path(folder) / name
                 path.parent.mkdir(parents=True, exist_ok=True)
                 path.write_text(text, encoding="utf-8")
@@ -162,13 +165,33 @@ class PlantedInDecisions(unittest.TestCase):
         for name in ("suite.gone", "suite.holds_all", "Peer.test_listens", "kind.two", "hosts.near", "tests/none.py"):
             found = self.check(f"1. **One.** Text.\n    Held by: `suite.holds`, `{name}`.\n2. **Two.** Text.\n"
                                "    Held by: `suite.holds`.\n")
-            self.assertEqual(found, [f"{held_by.PAGE}: 1: {name}: there is no such test"])
+            self.assertEqual(found, [f"{held_by.DECISIONS}: 1: {name}: there is no such test"])
 
     def test_an_entry_that_says_nothing(self):
         for entry in ("Text.", "Text.\n    Held by: somebody.", "Text.\n    Held by: nothing."):
             found = self.check(f"1. **One.** {entry}\n2. **Two.** Text.\n    Held by: `suite.holds`.\n")
             self.assertEqual(len(found), 1, found)
-            self.assertIn(f"{held_by.PAGE}: 1: ", found[0])
+            self.assertIn(f"{held_by.DECISIONS}: 1: ", found[0])
+
+    def test_limits_with_names_that_are_there(self):
+        self.assertEqual(self.check("", self.HEAD + "| One | 1 | `suite.holds`, `Peer.test_talks` |\n"
+                                    "| Two | 2 | `hosts.far` (slowly), `tests/CMakeLists.txt` |\n"), [])
+
+    def test_limits_with_names_that_are_not(self):
+        for name in ("suite.gone", "kind.two", "tests/none.py"):
+            found = self.check("", self.HEAD + f"| One | 1 | `suite.holds`, `{name}` |\n| Two | 2 | `suite.holds` |\n")
+            self.assertEqual(found, [f"{held_by.LIMITS}: One: {name}: there is no such test"])
+
+    def test_a_limit_that_names_no_test(self):
+        for cells, complaint in (("1", "does not say what holds it"), ("1 | ", "names no test"),
+                                 ("1 | somebody", "names no test"), ("1 | suite.holds", "names no test"),
+                                 ("1 | nothing; only a stopwatch would see it", "names no test")):
+            found = self.check("", self.HEAD + f"| One | {cells} |\n| Two | 2 | `suite.holds` |\n")
+            self.assertEqual(found, [f"{held_by.LIMITS}: One: {complaint}"])
+
+    def test_limits_without_the_column(self):
+        for table in ("", "| limit | threshold |\n|---|---|\n"):
+            self.assertEqual(self.check("", table), [f"{held_by.LIMITS}: its table: does not say what holds it"])
 
 
 class PlantedInLedger(unittest.TestCase):
