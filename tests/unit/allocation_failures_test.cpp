@@ -6,6 +6,8 @@
 
 #include <new>
 
+#include <netinet/in.h>
+
 namespace {
 
 using namespace relay_test;
@@ -98,7 +100,7 @@ TEST_F(allocation_failures, of_a_close_leave_no_record_and_the_center_is_told) {
 
 TEST_F(allocation_failures, of_a_refused_connect_keep_the_destination) {
     fail_each([this] { return connecting("rec"); }, [](tcp_record* rec) { EPoll::failed_connect(rec); },
-              [this](tcp_record* rec, bool) {
+              [](tcp_record* rec, bool) {
                   EXPECT_TRUE(lives(rec));
                   EXPECT_TRUE(is_tried(rec));
               });
@@ -106,7 +108,7 @@ TEST_F(allocation_failures, of_a_refused_connect_keep_the_destination) {
 
 TEST_F(allocation_failures, of_a_failed_exchange_keep_the_destination) {
     fail_each([this] { return exchanging("rec"); }, [](tcp_record* rec) { EPoll::failed_connect_init(rec); },
-              [this](tcp_record* rec, bool) {
+              [](tcp_record* rec, bool) {
                   EXPECT_TRUE(lives(rec));
                   EXPECT_TRUE(is_tried(rec));
               });
@@ -126,6 +128,21 @@ TEST_F(allocation_failures, of_a_retry_keep_the_destination) {
               [](tcp_record* rec, bool threw) {
                   EXPECT_TRUE(lives(rec));
                   EXPECT_TRUE(!threw || is_tried(rec));
+              });
+}
+
+TEST_F(allocation_failures, of_the_text_of_a_failed_connect_close_the_socket_and_keep_the_destination) {
+    std::uint32_t const no_peer = htonl(INADDR_ALLHOSTS_GROUP); // refused by the kernel at once
+    fail_each([this] { return waiting("rec"); },
+              [no_peer](tcp_record* rec) {
+                  rec->remote_ip = no_peer;
+                  EPoll::request_connect(rec);
+              },
+              [](tcp_record* rec, bool) {
+                  rec->remote_ip = Zolt::c_local_host;
+                  EXPECT_EQ(rec->fd, -1);
+                  EXPECT_EQ(registries_of(rec), "fail");
+                  EXPECT_TRUE(is_tried(rec));
               });
 }
 

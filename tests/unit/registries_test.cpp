@@ -458,4 +458,26 @@ TEST_F(registries, are_left_alone_by_finalize_and_cleared_afterwards) {
     EXPECT_THAT(live_records(), IsEmpty());
 }
 
+TEST_F(registries, leave_no_record_and_no_packet_once_the_leftovers_are_cleared) {
+    for (tcp_record* const rec :
+         {established("outgoing"), filed_accepted("accepted"), connecting("connecting", 9001)}) {
+        rec->send_q.push_back(make_token({.sequence = rec->remote_port}));
+    }
+    waiting("waiting", 9002);
+    INet_Relay::finalize();
+    INet_Relay::clear_leftovers();
+    EXPECT_EQ(gone(), (std::set<std::string>{"outgoing", "accepted", "connecting", "waiting"}));
+    for (EPoll::connection_map const* const registry : all_registries()) {
+        EXPECT_THAT(*registry, IsEmpty());
+    }
+    EXPECT_THAT(EPoll::g_establish_server_map, IsEmpty());
+    auto const offers = take_offers();
+    ASSERT_THAT(offers, SizeIs(3));
+    for (std::size_t i = 0; i < offers.size(); ++i) {
+        EXPECT_EQ(offers[i].packet.error, Zolt::c_zolt_err_not_connected_tcp);
+        EXPECT_EQ(offers[i].packet.sequence, i == 2 ? 9001u : c_port)
+            << "the registries of established ones come first";
+    }
+}
+
 } // namespace

@@ -451,6 +451,22 @@ TEST_F(reaping, cuts_an_outgoing_connection_whose_end_is_left_to_the_send_thread
     expect_cut_after_time_out(EPoll::timer_shutdown_client, "rec.fd");
 }
 
+TEST_F(reaping, leaves_a_record_without_a_socket_alone) {
+    tcp_record* const exchanging = accepted_from("exchanging", c_port, EPoll::c_kind_accepted);
+    exchanging->reap_clock = c_now;
+    EPoll::g_accepted_exchanging.link(exchanging);
+    tcp_record* const ending = established("ending");
+    ending->send_armed = true;
+    EPoll::close_client(ending);
+    int const fds[] = {std::exchange(exchanging->fd, -1), std::exchange(ending->fd, -1)};
+    forget_calls();
+    EPoll::timer_shutdown_server(c_now + c_timeout + 1);
+    EPoll::timer_shutdown_client(c_now + c_timeout + 1);
+    EXPECT_THAT(journal_lines(about::system), IsEmpty());
+    exchanging->fd = fds[0];
+    ending->fd = fds[1];
+}
+
 TEST_F(reaping, cuts_a_withdrawn_connection_that_its_peer_keeps_open) {
     tcp_record* const rec = established("rec");
     rec->recv_clock = c_now + c_timeout + 1;
@@ -582,7 +598,7 @@ private:
         return copy;
     }
 
-    /// The symbol whose name contains one text and ends with another.
+    /// The symbol of C++ whose name contains one text and ends with another; compilers add counters named alike.
     Elf64_Sym find(std::string_view part, std::string_view end) const {
         auto const header = at<Elf64_Ehdr>(0);
         auto const section = [&](unsigned which) {
@@ -594,7 +610,7 @@ private:
             for (std::uint64_t offset = 0; names != 0 && offset < table.sh_size; offset += sizeof(Elf64_Sym)) {
                 auto const symbol = at<Elf64_Sym>(table.sh_offset + offset);
                 std::string_view const name(content.data() + names + symbol.st_name);
-                if (name.find(part) != name.npos && name.ends_with(end)) {
+                if (name.starts_with("_Z") && name.find(part) != name.npos && name.ends_with(end)) {
                     return symbol;
                 }
             }
