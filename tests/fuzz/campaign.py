@@ -1,14 +1,19 @@
 #!/usr/bin/env python3
-"""Runs every fuzz target of a build for a while. Usage: campaign.py BUILD_FOLDER SECONDS [SEED [TARGET...]]
+"""Runs every fuzz target of a build for a while.
 
-Each target begins with the seed corpus and with what earlier runs in the same build folder kept. What it finds is left
-in BUILD_FOLDER/fuzz/findings; replaying such a file gives the same run. One line a target on standard output, with
+Usage: campaign.py BUILD_FOLDER SECONDS [SEED [TARGET...]] [--jobs N]
+
+N targets run side by side, each for all of the seconds; without the option one after the other. Each target begins with
+the seed corpus and with what earlier runs in the same build folder kept. What it finds is left in
+BUILD_FOLDER/fuzz/findings; replaying such a file gives the same run. One line a target on standard output, with
 libFuzzer's own figures; status 0: no finding, 1: a finding, 2: wrong usage."""
 
+import argparse
 import re
 import shutil
 import subprocess
 import sys
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
@@ -50,21 +55,33 @@ def run(build, target, seconds, seed):
     corpus = figure(r"corp: (\d+)/", output)
     coverage = figure(r"cov: (\d+) ", output)
     verdict = "no finding" if result.returncode == 0 and executions > 0 else "FINDING"
-    print(f"{target:22} executions {executions:9}  each second {rate:6}  corpus {corpus:5}  edges {coverage:5}  {verdict}",
-          flush=True)
+    line = (f"{target:22} executions {executions:9}  each second {rate:6}  corpus {corpus:5}  edges {coverage:5}  "
+            f"{verdict}\n")
+    sys.stdout.write(line)
+    sys.stdout.flush()
     if verdict == "FINDING":
         print(output[-6000:], file=sys.stderr)
     return executions, corpus, verdict == "no finding"
 
 
+def read_arguments(arguments):
+    parser = argparse.ArgumentParser(usage=__doc__.partition("Usage: ")[2])
+    parser.add_argument("build", type=Path)
+    parser.add_argument("seconds", type=int)
+    parser.add_argument("seed", type=int, nargs="?", default=1)
+    parser.add_argument("targets", nargs="*", choices=[[], *TARGETS], default=[])
+    parser.add_argument("--jobs", type=int, default=1)
+    return parser.parse_args(arguments)
+
+
 def main(arguments):
-    if len(arguments) < 2 or not set(arguments[3:]) <= set(TARGETS):
-        print(__doc__, file=sys.stderr)
-        return 2
-    build, seconds = Path(arguments[0]).resolve(), int(arguments[1])
-    seed = int(arguments[2]) if len(arguments) > 2 else 1
-    results = [run(build, target, seconds, seed) for target in arguments[3:] or TARGETS]
-    print(f"{'all':22} executions {sum(row[0] for row in results):9}  corpus {sum(row[1] for row in results)}")
+    options = read_arguments(arguments)
+    build = options.build.resolve()
+    with ThreadPoolExecutor(options.jobs) as pool:
+        running = [pool.submit(run, build, target, options.seconds, options.seed)
+                   for target in options.targets or TARGETS]
+        results = [future.result() for future in running]
+    print(f"{'all':22} executions {sum(row[0] for row in results):9}  corpus {sum(row[1] for row in results):5}")
     return 0 if all(row[2] for row in results) else 1
 
 

@@ -3,10 +3,11 @@
 
 Usage: mutants.py BUILD [--count N] [--seed N] [--jobs N] [--only SUBSTRING] [--report FILE]
 
-BUILD is a configured build tree; its target relay_unit_tests holds all unit tests of the relay in one program. Each sampled
-change is compiled from a copy, linked with the tests' objects and run; nothing in the source tree is touched. A
-change that does not compile, or that compiles to the same code, is no mutant and another one is drawn. Survivors are given to the
-simulation too, when the build has it. Exit status: 0 when at least 90 of 100 were killed.
+BUILD is a configured build tree. Each sampled change is compiled from a copy, linked with the tests' objects and given
+to one phase of PHASES after the other, until one notices it; nothing in the source tree is touched. A change that does
+not compile, or that compiles to the same code, is no mutant and another one is drawn. For ten changes one unchanged
+copy is judged too: whatever fails then would have failed for nothing. Exit status: 0 when at least 90 of 100 were
+killed and every unchanged copy passed.
 """
 
 import argparse
@@ -19,14 +20,54 @@ import shlex
 import subprocess
 import sys
 import tempfile
+import threading
 import time
+from collections import Counter
+from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 ENGINE = Path("Center/INet_Relay/EPoll")
 GOAL = 90  # of 100
-SIMULATED = 3000  # schedules that a survivor has to pass
+REPORTS_EACH = 30  # seconds, where nobody looks at a terminal
+BRIEF = ("--gtest_fail_fast", "--gtest_brief=1")
+MOST_MEMORY = 4 << 30  # bytes of addresses; a change that allocates without end fails soon
+
+# The suites that belong to a source; the first part that its name contains counts. They are asked before all others.
+OWN_SUITES = {
+    "_udp_": "*udp*:*datagram*",
+    "epoll_thread": "*event_thread*:*running*:*recv_thread*",
+    "method_client": "*outgoing*:*connect*:*block*:*answer*:*establish*:*end*:*withdraw*:*ownership*:*failing*",
+    "method_server": "*listen*:*accept*:*block*:*reply*:*establish*:*end*:*ownership*:*failing*",
+    "tcp_method": "*stream*:*delivery*:*record*:*purging*:*acknowledging*:*releasing*:*end*:*registry*",
+    "inet_relay_epoll": "*lifecycle*:*initializ*:*withdraw*:*broadcast*:*adding*:*added*:*udp*:*deliver*:*registr*",
+    "epoll.cpp": "*tick*:*cancelling*:*draining*:*reaping*:*retrying*:*heartbeat*:*initializ*:*timer*:*after*",
+}
+
+
+@dataclass(frozen=True)
+class Phase:
+    """A test program and how it is run; {own} stands for the suites of the changed source."""
+    title: str
+    target: str
+    arguments: tuple
+    is_short: bool = True
+    is_timed: bool = True  # an unchanged copy could fail by being slow; the simulation has no clock but its own
+
+
+# Those that cost least come first. The program of all unit tests leaves out what is linked otherwise.
+PHASES = (
+    Phase("own suites", "relay_unit_tests", (*BRIEF, "--gtest_filter={own}")),
+    Phase("other suites", "relay_unit_tests", (*BRIEF, "--gtest_filter=*-{own}")),
+    Phase("ending records", "ending_record_test", BRIEF),
+    Phase("whole nodes", "whole_node_test", BRIEF),
+    Phase("event threads alone", "event_thread_memory_test", BRIEF),
+    Phase("matrix", "fault_matrix_test", BRIEF),
+    Phase("failing allocations", "fault_allocations_test", BRIEF),
+    Phase("simulation", "relay_simulation", ("--count", "3000"), is_timed=False),
+    Phase("failing calls", "fault_calls_test", BRIEF, is_short=False),
+)
 
 # What a token may become. A token that stands in no row is left alone.
 SWAPS = {
@@ -65,6 +106,9 @@ TOKEN = re.compile(
     re.S | re.M)
 # Where a sign is no operator: templates, pointers and references in declarations, includes.
 NO_OPERATOR = re.compile(r"template|static_cast|reinterpret_cast|std::(?:map|deque|vector|atomic|unique_ptr)|operator")
+CALL_ALONE = re.compile(r"\s+(?:::)?[a-z_][\w:>.()\[\]-]*\([^{}]*\);\n")
+# A function that returns nothing does so anyway, and one that owes a value has no meaning without it.
+LAST_STATEMENT = re.compile(r"return\b[^;]*;\n}")
 
 
 @dataclass(frozen=True)
@@ -76,12 +120,17 @@ class Mutant:
     before: str
     after: str
 
+    @property
+    def is_control(self):
+        """An unchanged copy."""
+        return self.before == self.after
+
     def __str__(self):
         return f"{self.source}:{self.line}: {self.before} -> {self.after or '(nothing)'}"
 
 
 def is_operator(text, match, line_text):
-    """A sign between blanks is an operator here; the house's format sees to that. Templates and references have none."""
+    """A sign between blanks is an operator here: the house's format sees to that."""
     token = match.group()
     if NO_OPERATOR.search(line_text) and token in "<>&":
         return False
@@ -101,6 +150,8 @@ def mutants_of(path):
         if match["string"]:
             if len(token) > 2 and not lines[line - 1].lstrip().startswith(("extern", "#include")):
                 yield Mutant(source, line, match.start(), match.end(), token, token[:-1] + '~"')
+        elif token == "return" and LAST_STATEMENT.match(text, match.start()):
+            continue
         elif match["sign"] is None or is_operator(text, match, lines[line - 1]):
             for after in SWAPS.get(token, ()):
                 yield Mutant(source, line, match.start(), match.end(), token, after)
@@ -111,7 +162,7 @@ def statements_of(path):
     text = (ROOT / path).read_text(encoding="utf-8")
     offset = 0
     for number, line in enumerate(text.splitlines(keepends=True), 1):
-        if re.fullmatch(r"\s+(?:::)?[a-z_][\w:>.()\[\]-]*\([^{}]*\);\n", line) and not line.lstrip().startswith("return"):
+        if CALL_ALONE.fullmatch(line) and not line.lstrip().startswith("return"):
             body = line.strip()
             start = offset + line.index(body)
             yield Mutant(str(path), number, start, start + len(body), body, ";")
@@ -129,72 +180,171 @@ class Workshop:
             path = Path(entry["file"])
             if ROOT / ENGINE in path.parents and "inet_relay_objects.dir" in entry["command"]:
                 self.compile[str(path.relative_to(ROOT))] = shlex.split(entry["command"])
-        self.link = {name: self.link_command(name) for name in ("relay_unit_tests", "relay_simulation")}
+        self.link = {target: self.link_command(target) for target in {phase.target for phase in PHASES}}
+        self.guard = threading.Lock()
+        self.originals, self.limits, self.seconds = {}, {}, Counter()
+        self.measuring = {target: threading.Lock() for target in self.link}
 
     def link_command(self, target):
-        result = subprocess.run(("ninja", "-C", str(self.build), "-t", "commands", target), capture_output=True, text=True)
+        result = subprocess.run(("ninja", "-C", str(self.build), "-t", "commands", target), capture_output=True,
+                                text=True, check=True)
         for line in reversed(result.stdout.splitlines()):
             if re.search(rf" -o \S*{target} ", line):
                 return shlex.split(line.removeprefix(": && ").partition(" && ")[0])
-        return None
+        sys.exit(f"mutants: {self.build} does not say how {target} is linked")
 
-    def object_of(self, source, command):
+    def object_of(self, source):
+        command = self.compile[source]
         return command[command.index("-o") + 1]
 
-    def compile_to(self, source, text, folder):
-        """The object of a changed source; None when it does not compile."""
+    @contextmanager
+    def timed(self, title):
+        began = time.monotonic()
+        try:
+            yield
+        finally:
+            with self.guard:
+                self.seconds[title] += time.monotonic() - began
+
+    def compile_to(self, source, text, folder, *options):
+        """The object of a changed source, which knows no name but the original's; None when it does not compile."""
         command = [part for part in self.compile[source] if not part.startswith("-Werror")]
-        copy, result = folder / Path(source).name, folder / "changed.o"
-        copy.write_text(text, encoding="utf-8")
-        at = command.index("-c")
+        copy, result = folder / Path(source).name, folder / f"changed{''.join(options)}.o"
+        copy.write_text(f'#line 1 "{source}"\n{text}', encoding="utf-8")
         command[command.index("-o") + 1] = str(result)
-        command[at + 1] = str(copy)
-        done = subprocess.run([*command, "-w"], cwd=self.build, capture_output=True)
+        command[command.index("-c") + 1] = str(copy)
+        with self.timed("compiling"):
+            done = subprocess.run([*command, "-w", "-frandom-seed=0", *options], cwd=self.build, capture_output=True)
         return result if done.returncode == 0 else None
 
+    def is_the_same(self, source, changed, folder, *options):
+        """Whether an object is, byte for byte, what the unchanged source compiles to."""
+        with self.guard:
+            original = self.originals.get((source, options))
+        if original is None:
+            text = (ROOT / source).read_text(encoding="utf-8")
+            inner = Path(tempfile.mkdtemp(dir=folder))
+            original = self.compile_to(source, text, inner, *options).read_bytes()
+            with self.guard:
+                self.originals[source, options] = original
+        return changed.read_bytes() == original
+
     def link_to(self, target, source, changed, folder):
-        command, result = list(self.link[target]), folder / target
-        old = self.object_of(source, self.compile[source])
-        command[command.index(old)] = str(changed)
-        command[command.index("-o") + 1] = str(result)
-        subprocess.run([*command, "-fuse-ld=gold"], cwd=self.build, check=True, capture_output=True)
+        """The program, made anew; None when it does not hold this source."""
+        command, result, old = list(self.link[target]), folder / target, self.object_of(source)
+        if old not in command:
+            return None
+        if not result.exists():
+            command[command.index(old)] = str(changed)
+            command[command.index("-o") + 1] = str(result)
+            with self.timed("linking"):
+                subprocess.run([*command, "-fuse-ld=gold"], cwd=self.build, check=True, capture_output=True)
         return result
 
+    def limit_of(self, phase):
+        """The seconds that a run may take, by the program as built, which must pass."""
+        with self.measuring[phase.target]:
+            if phase.target not in self.limits:
+                command = self.link[phase.target]
+                program = self.build / command[command.index("-o") + 1]
+                arguments = [part for part in phase.arguments if "{own}" not in part]
+                began = time.monotonic()
+                with self.timed("without a change"):
+                    if not passes(program, arguments, 600):
+                        raise RuntimeError(f"{phase.target} fails without any change")
+                self.limits[phase.target] = 5 * (time.monotonic() - began) + 10
+            return self.limits[phase.target]
 
-def code_of(path):
-    """The code and data of an object, without what names its source."""
-    return subprocess.run(("objdump", "-d", "-s", "-r", "--no-show-raw-insn", "-j", ".text", "-j", ".rodata", "-j", ".data",
-                           str(path)), capture_output=True, text=True).stdout.partition("\n\n")[2]
 
-
-def survives(program, arguments, seconds):
+def passes(program, arguments, seconds):
     try:
-        done = subprocess.run((str(program), *arguments), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+        done = subprocess.run(("prlimit", f"--as={MOST_MEMORY}", "--core=0", str(program), *arguments),
+                              stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                               timeout=seconds, cwd=program.parent)
     except subprocess.TimeoutExpired:
         return False
     return done.returncode == 0
 
 
-def judge(workshop, mutant, limit):
-    """"killed", "survived", or None for a change that is no mutant."""
+def own_suites(source):
+    return next(suites for part, suites in OWN_SUITES.items() if part in source)
+
+
+def noticed_by(workshop, source, changed, folder, phases):
+    """The title of the first phase that fails, or None."""
+    for phase in phases:
+        program = workshop.link_to(phase.target, source, changed, folder)
+        if program is None:
+            continue
+        limit = workshop.limit_of(phase)
+        arguments = [part.format(own=own_suites(source)) for part in phase.arguments]
+        with workshop.timed(phase.title):
+            if not passes(program, arguments, limit):
+                return phase.title
+    return None
+
+
+def judge(workshop, mutant):
+    """The title of the phase that noticed the change, "" when none did, None for a change that is no mutant."""
     text = (ROOT / mutant.source).read_text(encoding="utf-8")
     changed_text = text[:mutant.start] + mutant.after + text[mutant.end:]
     with tempfile.TemporaryDirectory(prefix="mutant-") as name:
         folder = Path(name)
         changed = workshop.compile_to(mutant.source, changed_text, folder)
-        if changed is None:
+        short = [phase for phase in PHASES if phase.is_short]
+        if mutant.is_control:
+            return noticed_by(workshop, mutant.source, changed, folder, [one for one in short if one.is_timed]) or ""
+        if changed is None or workshop.is_the_same(mutant.source, changed, folder):
             return None
-        if code_of(changed) == code_of(workshop.build / workshop.object_of(mutant.source, workshop.compile[mutant.source])):
+        phase = noticed_by(workshop, mutant.source, changed, folder, short)
+        if phase is not None:
+            return phase
+        optimised = workshop.compile_to(mutant.source, changed_text, folder, "-O2")
+        if workshop.is_the_same(mutant.source, optimised, folder, "-O2"):
             return None
-        program = workshop.link_to("relay_unit_tests", mutant.source, changed, folder)
-        if not survives(program, ("--gtest_fail_fast", "--gtest_brief=1"), limit):
-            return "killed"
-        if workshop.link["relay_simulation"]:
-            program = workshop.link_to("relay_simulation", mutant.source, changed, folder)
-            if not survives(program, ("--count", str(SIMULATED)), limit):
-                return "killed"
-    return "survived"
+        long = [phase for phase in PHASES if not phase.is_short]
+        return noticed_by(workshop, mutant.source, changed, folder, long) or ""
+
+
+class Tally:
+    """What was judged so far, and how the rest is told about."""
+
+    def __init__(self, wanted):
+        self.wanted, self.killers, self.survivors, self.controls, self.false_alarms = wanted, Counter(), [], 0, []
+        self.no_mutants = 0
+        self.began = self.told = time.monotonic()
+
+    @property
+    def killed(self):
+        return sum(self.killers.values())
+
+    @property
+    def judged(self):
+        return self.killed + len(self.survivors)
+
+    def take(self, mutant, verdict):
+        if mutant.is_control:
+            self.controls += 1
+            if verdict:
+                self.false_alarms.append(f"{mutant.source}: {verdict}")
+                print(f"noticed without a change: {self.false_alarms[-1]}", flush=True)
+        elif verdict is None:
+            self.no_mutants += 1
+        elif verdict:
+            self.killers[verdict] += 1
+        else:
+            self.survivors.append(mutant)
+            print(f"survived: {mutant}", flush=True)
+
+    def tell(self):
+        on_terminal = sys.stderr.isatty()
+        now = time.monotonic()
+        if not self.judged or (now - self.told < REPORTS_EACH and not on_terminal):
+            return
+        self.told = now
+        remain = (now - self.began) / self.judged * (self.wanted - self.judged)
+        print(f"{self.judged} of {self.wanted} judged, {len(self.survivors)} survived, about {remain:.0f} s remain ",
+              end="\r" if on_terminal else "\n", file=sys.stderr, flush=True)
 
 
 def read_arguments():
@@ -202,62 +352,76 @@ def read_arguments():
     parser.add_argument("build", type=Path)
     parser.add_argument("--count", type=int, default=300)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--jobs", type=int, default=os.cpu_count())
+    parser.add_argument("--jobs", type=int, default=os.cpu_count() + 1, help="one more than cores: tests wait")
     parser.add_argument("--only", default="", help="only in sources whose path contains this")
     parser.add_argument("--report", type=Path, help="write the survivors and the figures here, as JSON")
     return parser.parse_args()
 
 
-def prepare(build):
-    subprocess.run(("cmake", "--build", str(build), "--target", "relay_unit_tests"), check=True, stdout=subprocess.DEVNULL)
-    started = time.monotonic()
-    program = next(build.rglob("relay_unit_tests"))
-    if not survives(program, ("--gtest_brief=1",), 600):
-        sys.exit("mutants: the tests fail without any change")
-    return Workshop(build), 3 * (time.monotonic() - started) + 20
+def candidates(workshop, only):
+    for source in sorted(workshop.compile):
+        if only in source:
+            yield from mutants_of(Path(source))
+            yield from statements_of(Path(source))
 
 
-def run(arguments):
-    workshop, limit = prepare(arguments.build.resolve())
-    all_mutants = [mutant for source in sorted(workshop.compile) if arguments.only in source
-                   for mutant in (*mutants_of(Path(source)), *statements_of(Path(source)))]
-    random.Random(arguments.seed).shuffle(all_mutants)
-    print(f"{len(all_mutants)} possible changes, {arguments.count} wanted, seed {arguments.seed}", flush=True)
-    killed, survivors = 0, []
+def run(workshop, arguments, tally):
+    changes = list(candidates(workshop, arguments.only))
+    drawn = random.Random(arguments.seed)
+    drawn.shuffle(changes)
+    print(f"{len(changes)} possible changes, {arguments.count} wanted, seed {arguments.seed}", flush=True)
+    waiting = iter(changes)
+    controls = [Mutant(drawn.choice(changes).source, 0, 0, 0, "", "") for _ in range(arguments.count // 10)]
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
         pending = {}
-        waiting = iter(all_mutants)
-        while killed + len(survivors) < arguments.count:
-            while len(pending) < min(arguments.jobs, arguments.count - killed - len(survivors)):
+        while True:
+            is_due = len(controls) > 0 and tally.judged // 10 >= tally.controls
+            if is_due and not any(one.is_control for one in pending.values()):
+                control = controls.pop()
+                pending[pool.submit(judge, workshop, control)] = control
+            mutants = sum(not mutant.is_control for mutant in pending.values())
+            for _ in range(min(arguments.jobs, tally.wanted - tally.judged) - mutants):
                 mutant = next(waiting, None)
-                if mutant is None:
-                    break
-                pending[pool.submit(judge, workshop, mutant, limit)] = mutant
+                if mutant is not None:
+                    pending[pool.submit(judge, workshop, mutant)] = mutant
             if not pending:
-                break
-            done, _ = concurrent.futures.wait(pending, return_when=concurrent.futures.FIRST_COMPLETED)
+                return
+            done, _ = concurrent.futures.wait(pending, timeout=1, return_when=concurrent.futures.FIRST_COMPLETED)
             for future in done:
-                mutant, verdict = pending.pop(future), future.result()
-                killed += verdict == "killed"
-                if verdict == "survived":
-                    survivors.append(mutant)
-                    print(f"survived: {mutant}", flush=True)
-            if sys.stderr.isatty():
-                print(f"\r{killed + len(survivors)}/{arguments.count}", end="", file=sys.stderr)
-    return killed, survivors
+                tally.take(pending.pop(future), future.result())
+            tally.tell()
+
+
+def sums(counter):
+    return ", ".join(f"{title} {count:.0f}" for title, count in counter.most_common()) or "nothing"
+
+
+def report(arguments, workshop, tally):
+    share = 100 * tally.killed / max(tally.judged, 1)
+    print(f"killed by: {sums(tally.killers)}")
+    print(f"seconds, {arguments.jobs} at a time: {sums(workshop.seconds)}")
+    print(f"not counted: {tally.no_mutants} that do not compile or compile to the same code")
+    print(f"unchanged copies {tally.controls}, of which failed {len(tally.false_alarms)}")
+    print(f"mutants {tally.judged}, killed {tally.killed} ({share:.1f} %), survived {len(tally.survivors)}, "
+          f"took {time.monotonic() - tally.began:.0f} s")
+    if arguments.report:
+        arguments.report.write_text(json.dumps({"mutants": tally.judged, "killed": tally.killed,
+                                                "seed": arguments.seed,
+                                                "survivors": [str(one) for one in tally.survivors]}, indent=1) + "\n",
+                                    encoding="utf-8")
+    return 0 if tally.judged == tally.wanted and share >= GOAL and not tally.false_alarms else 1
 
 
 def main():
     arguments = read_arguments()
-    killed, survivors = run(arguments)
-    judged = killed + len(survivors)
-    share = 100 * killed / max(judged, 1)
-    print(f"mutants {judged}, killed {killed} ({share:.1f} %), survived {len(survivors)}")
-    if arguments.report:
-        arguments.report.write_text(json.dumps({"mutants": judged, "killed": killed, "seed": arguments.seed,
-                                                "survivors": [str(one) for one in survivors]}, indent=1) + "\n",
-                                    encoding="utf-8")
-    return 0 if judged and share >= GOAL else 1
+    workshop, tally = Workshop(arguments.build.resolve()), Tally(arguments.count)
+    try:
+        run(workshop, arguments, tally)
+    except RuntimeError as error:
+        sys.exit(f"mutants: {error}")
+    except KeyboardInterrupt:
+        print("interrupted")
+    return report(arguments, workshop, tally)
 
 
 if __name__ == "__main__":
