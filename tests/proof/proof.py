@@ -11,6 +11,7 @@ to standard error, the table to OUTPUT and to standard output. Exit status: 0 wh
 
 import datetime
 import platform
+import re
 import signal
 import subprocess
 import sys
@@ -66,13 +67,33 @@ class Proof:
     def seconds(self):
         return time.monotonic() - self.began
 
+    def keep(self, step, output):
+        """For whoever wants to see more than the figures: what a step printed, under build/proof/."""
+        folder = self.root / "build" / "proof"
+        folder.mkdir(parents=True, exist_ok=True)
+        name = re.sub(r"[^a-z0-9]+", "_", step.rows[0].title.lower())[:60]
+        (folder / f"{name}.log").write_text(output, encoding="utf-8")
+
     def perform(self, step):
         code, output, seconds = self.runner.run(step.command)
+        self.keep(step, output)
         verdicts = judge(step, code, output)
         if not all(verdict.is_well for verdict in verdicts):
             say(f"failed: {' '.join(step.command)} (status {code})")
             print(output[-4000:], file=sys.stderr, flush=True)
         return [(verdict, seconds) for verdict in verdicts]
+
+    def perform_group(self, group):
+        # An interruption may come before the first command runs; leaving the pool waits for all of them.
+        pool = ThreadPoolExecutor(len(group))
+        try:
+            running = [pool.submit(self.perform, step) for step in group]
+            return [finding for future in running for finding in future.result()]
+        except KeyboardInterrupt:
+            self.runner.interrupt(PATIENCE)
+            raise
+        finally:
+            pool.shutdown()
 
     def run(self, show):
         count, done = sum(map(len, self.groups)), 0
@@ -81,13 +102,7 @@ class Proof:
             for step in group:
                 done += 1
                 say(f"step {done} of {count}, about {max(1, round(remains / 60))} min remain: {step.rows[0].title}")
-            with ThreadPoolExecutor(len(group)) as pool:
-                running = [pool.submit(self.perform, step) for step in group]
-                try:
-                    found = [finding for future in running for finding in future.result()]
-                except KeyboardInterrupt:
-                    self.runner.interrupt(PATIENCE)
-                    raise
+            found = self.perform_group(group)
             self.rows += [table_row(*finding) for finding in found]
             self.is_well = self.is_well and all(verdict.is_well for verdict, _ in found)
             show()
