@@ -287,6 +287,22 @@ TEST_F(withdrawn, it_marks_every_record_that_it_has_and_no_other) {
     EXPECT_FALSE(other->close_requested);
 }
 
+TEST_F(withdrawn, while_connecting_in_the_shadow_of_another_it_ends_like_the_other) {
+    tcp_record* const filed = connecting("filed");
+    tcp_record* const shadowed = connecting("shadowed");
+    ASSERT_TRUE(shadowed->shadowed);
+    register_destination();
+    del_client();
+    for (tcp_record* const rec : {filed, shadowed}) {
+        EXPECT_TRUE(rec->close_requested && rec->sending);
+        EXPECT_EQ(rec->send_ptr, nullptr);
+        EXPECT_EQ(rec->send_remain, 0u);
+        ASSERT_THAT(rec->send_q, SizeIs(1)) << "the close marker";
+        EXPECT_FALSE(rec->send_q.front().has_header());
+        EXPECT_NE(rec->ending.back, nullptr) << "to be gone within the time-out";
+    }
+}
+
 TEST_F(withdrawn, it_marks_its_records_under_their_send_locks_too) {
     unfiled("a");
     connecting("b");
