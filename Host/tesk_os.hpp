@@ -8,6 +8,8 @@
 
 #include "Host/lock_annotations.hpp"
 
+#include <atomic>
+
 #include <pthread.h>
 
 namespace Tesk::OS {
@@ -26,6 +28,7 @@ protected:
     friend class class_locker;
     friend class class_unlocker;
     pthread_mutex_t mutex;
+    std::atomic<int> core{-1}; ///< the host's own: where its owner ran when it took the lock
 };
 
 /// The lock that the relay embeds in its records and keeps two of as globals. The argument is always 0.

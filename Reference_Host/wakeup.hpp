@@ -5,36 +5,61 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <climits>
+#include <cstdint>
+#include <ctime>
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Zolt::Reference_Host {
 
+/// Nothing is locked: whoever is woken runs on at once, also on the core of the one who woke it.
 class wakeup {
 public:
     /// Sleeps until ready() or the moment has come. The last answer of ready().
     template <class Ready>
     bool sleep_until(std::chrono::steady_clock::time_point moment, Ready ready) {
-        std::unique_lock<std::mutex> hold(lock);
-        // Counted before ready() looks, and read by wake() after the work was laid down: one of the two sees the other.
-        sleepers.fetch_add(1, std::memory_order_acq_rel);
-        bool const found = arrived.wait_until(hold, moment, ready);
-        sleepers.fetch_sub(1, std::memory_order_acq_rel);
-        return found;
+        for (;;) {
+            // Said before ready() looks, and read by wake() after the work was laid down: one of the two sees the
+            // other.
+            state.exchange(c_somebody_sleeps, std::memory_order_acq_rel);
+            if (ready()) {
+                return true;
+            }
+            if (std::chrono::steady_clock::now() >= moment) {
+                return false;
+            }
+            wait_until(moment);
+        }
     }
 
-    /// Call it after the change that makes ready() true. Never waits longer than a sleeper needs to look once.
+    /// Call it after the change that makes ready() true. Wakes all who sleep; the first call after that costs, the others
+    /// do not.
     void wake() {
-        if (sleepers.fetch_add(0, std::memory_order_acq_rel) != 0) {
-            std::lock_guard<std::mutex> const hold(lock);
-            arrived.notify_all();
+        if (state.fetch_add(0, std::memory_order_acq_rel) == c_somebody_sleeps &&
+            state.exchange(c_all_awake, std::memory_order_acq_rel) == c_somebody_sleeps) {
+            ::syscall(SYS_futex, &state, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
         }
     }
 
 private:
-    std::mutex lock;
-    std::condition_variable arrived;
-    std::atomic<unsigned int> sleepers{0};
+    static constexpr std::uint32_t c_all_awake = 0;
+    static constexpr std::uint32_t c_somebody_sleeps = 1;
+
+    /// Returns when woken, at the moment, or for no reason. The steady clock is CLOCK_MONOTONIC here.
+    void wait_until(std::chrono::steady_clock::time_point moment) {
+        auto const nanoseconds =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(moment.time_since_epoch()).count();
+        timespec const until{static_cast<time_t>(nanoseconds / 1000000000),
+                             static_cast<long>(nanoseconds % 1000000000)};
+        ::syscall(SYS_futex, &state, FUTEX_WAIT_BITSET_PRIVATE, c_somebody_sleeps, &until, nullptr,
+                  FUTEX_BITSET_MATCH_ANY);
+    }
+
+    std::atomic<std::uint32_t> state{c_all_awake};
+    static_assert(sizeof state == sizeof(std::uint32_t)); // what the kernel compares
 };
 
 } // namespace Zolt::Reference_Host
