@@ -1,0 +1,209 @@
+"""The one table of what is measured, and of the bars that the relay is held to.
+
+A bar compares figures of the same round: the relay's with that of another contender, or with its own under other
+parameters. The median over the rounds is judged.
+"""
+
+from dataclasses import dataclass, replace
+from types import MappingProxyType
+from typing import Mapping, Optional, Tuple
+
+import results
+
+JUDGED = "relay"
+LIMIT = "skeleton"
+
+# Fewer rounds tell a ratio no better than within about 7 %.
+ENOUGH_ROUNDS = 15
+
+SECONDS, QUICK_SECONDS = 0.3, 0.1  # of one measurement
+
+KIB, MIB = 1024, 1024 * 1024
+
+
+def ratio(mine, other):
+    return mine / other if other else float("inf")
+
+
+def difference(mine, other):
+    return mine - other
+
+
+@dataclass(frozen=True)
+class Bar:
+    figure: str
+    bar: float
+    is_most: bool  # else it is the least that is allowed
+    against: str = LIMIT  # nothing: the figure itself is judged
+    compare: object = ratio
+    at: Tuple[Tuple[str, int], ...] = ()  # the parameters of the case compared with, where they differ
+
+    def other(self, which):
+        """The case and contender compared with."""
+        return which.changed(dict(self.at)), self.against
+
+    def spread(self, measured, which):
+        mine = (which, JUDGED, self.figure)
+        if not self.against:
+            return measured.spread(*mine)
+        return measured.compared(mine, (*self.other(which), self.figure), self.compare)
+
+    def is_met(self, value):
+        return value <= self.bar if self.is_most else value >= self.bar
+
+    def text(self):
+        what = f"{'at most' if self.is_most else 'at least'} {self.bar:,g}"
+        if not self.against:
+            return what
+        if self.compare is difference:
+            return f"{what} more than {self.against}"
+        where = ", ".join(f"{name} {value}" for name, value in self.at)
+        return f"{what} of {'its own at ' + where if where else self.against}"
+
+
+def at_most(bar, figure, against=LIMIT, **others):
+    return Bar(figure, bar, True, against, **others)
+
+
+def at_least(bar, figure, against=LIMIT, **others):
+    return Bar(figure, bar, False, against, **others)
+
+
+@dataclass(frozen=True)
+class Row:
+    """One case: what it compares, how long, and what is required of it."""
+
+    title: str
+    case: results.Case
+    contenders: Tuple[str, ...]  # they take part in every round
+    bars: Tuple[Bar, ...] = ()
+    shown: Tuple[str, ...] = ()  # they take part in the first rounds, for comparison only
+    seconds: Optional[float] = SECONDS  # None where the case says how much is done
+    rounds: Optional[int] = None  # a number of its own, for what does not vary
+    quick: Optional[Mapping[str, object]] = None  # fields that a quick run changes; None: leaves the row out
+
+
+SIZES = ((0, "header only"), (64, "64 B"), (KIB, "1 KiB"), (64 * KIB, "64 KiB"), (MIB, "1 MiB"))
+SIZE_NAMES = {str(size): name for size, name in SIZES}
+
+BOTH = (LIMIT, JUDGED)
+
+
+def row(subject, title, contenders, bars=(), *, shown=(), seconds=SECONDS, rounds=None, quick=MappingProxyType({}),
+        **parameters):
+    return Row(title, results.case(subject, parameters), contenders, tuple(bars), shown, seconds, rounds, quick)
+
+
+def quick_row(full):
+    seconds = QUICK_SECONDS if full.seconds == SECONDS else full.seconds
+    return replace(full, **{"seconds": seconds, **full.quick})
+
+
+def round_trips():
+    for size, bar in ((0, 1.09), (64, 1.06), (KIB, 1.06), (64 * KIB, 1.05)):
+        bars = [at_most(bar, "p50_ns"), at_most(1.15, "p99_ns")]
+        peers, shown = (), ("raw", "zmq", "nng")
+        if size == 0:
+            bars.append(at_most(0.72, "p50_ns", "zmq"))
+            peers, shown = ("zmq",), ("raw", "nng")
+        yield row("roundtrip", f"round trip, {SIZE_NAMES[str(size)]}", (*BOTH, *peers), bars, shown=shown, cores="one",
+                  connections=1, size=size)
+    # The skeleton answers from its receive thread, a Center from its own: what the hand-over costs.
+    for thread in ("receive", "center"):
+        yield row("roundtrip", f"round trip, 64 B, all answer on the {thread} thread", (), shown=BOTH, cores="one",
+                  connections=1, size=64, answer=thread)
+
+
+def one_way():
+    def stream(size, connections, contenders, bars, shown=()):
+        plural = "connection" if connections == 1 else "connections"
+        return row("oneway", f"one way, {SIZE_NAMES[str(size)]}, {connections} {plural}", contenders, bars, shown=shown,
+                   cores="two", connections=connections, size=size)
+    least = at_least(0.95, "rate")
+    for size in (64, KIB):
+        yield stream(size, 1, BOTH, [least], ("raw", "zmq", "nng"))
+        yield stream(size, 16, BOTH, [least], ("zmq", "nng"))
+    yield stream(64 * KIB, 1, (*BOTH, "zmq", "nng"),
+                 [at_least(0.97, "rate"), at_least(1.10, "rate", "zmq"), at_least(1.6, "rate", "nng")], ("raw",))
+    yield stream(MIB, 1, (*BOTH, "zmq"), [at_least(0.97, "rate"), at_least(1.05, "rate", "zmq")], ("raw", "nng"))
+    yield stream(MIB, 16, (*BOTH, "zmq"), [at_least(0.93, "rate"), at_least(2.2, "rate", "zmq")], ("nng",))
+
+
+def few(peers):
+    """To connect many takes seconds, so a quick run does it once."""
+    return {"rounds": 1} if peers == 1000 else {}
+
+
+def broadcasts():
+    header = at_most(1.10, "ns_per_packet")
+    data = (at_most(1.08, "ns_per_packet"), at_most(250, "caller_ns_per_packet", compare=difference))
+    peer = at_most(0.70, "ns_per_packet", "zmq")
+    for peers, contenders, bars, shown in ((100, BOTH, [header], ("zmq", "nng")),
+                                           (1000, (*BOTH, "zmq"), [header, peer], ("nng",))):
+        yield row("fanout", f"broadcast, header only, {peers} peers", contenders, bars, shown=shown, cores="two",
+                  connections=peers, size=0, quick=few(peers))
+    for peers in (100, 1000):
+        yield row("fanout", f"broadcast, 64 B, {peers} peers", BOTH, data, shown=("zmq", "nng"), cores="two",
+                  connections=peers, size=64, quick=few(peers))
+
+
+def at_rest():
+    for connections in (1, 1000, 8000):
+        bars, quick, seconds = [], {"rounds": 1}, 2
+        if connections == 1:
+            # Only what a tick causes: the timer, the thread that sends its heartbeat, the one that gets the peer's.
+            # Four ticks may fall into three seconds.
+            bars += [at_most(4, f"wakeups_{end}_per_second", "") for end in ("near", "far")]
+            seconds = 3
+        if connections == 8000:
+            quick = None
+            for end in ("near", "far"):
+                bars.append(at_most(5e6, f"tick_{end}_ns", ""))
+                bars.append(at_most(8.8, f"tick_{end}_ns", JUDGED, at=(("connections", 1000),)))
+            bars.append(at_most(1.10, "p50_ns", JUDGED, at=(("connections", 1),)))
+        plural = "connection" if connections == 1 else "connections"
+        yield row("idle", f"at rest, {connections:,} {plural}", BOTH, bars, seconds=seconds, rounds=3, quick=quick,
+                  cores="one", connections=connections, size=64)
+
+
+def memory():
+    per_connection = [at_most(3900, f"heap_{end}_bytes_per_connection", "") for end in ("near", "far")]
+    yield row("memory", "memory, 8,000 connections at rest", (JUDGED,), per_connection, shown=(LIMIT, "zmq", "nng"),
+              seconds=None, rounds=1, quick=None, connections=8000, count=0)
+    growth = [at_most(0, f"growth_{end}_bytes", "") for end in ("near", "far")]
+    yield row("memory", "memory after 10,000,000 packets", (JUDGED,), growth, seconds=None, rounds=1, quick=None,
+              connections=1, size=64, count=10_000_000)
+
+
+def datagrams():
+    for size in (64, KIB):
+        yield row("udp", f"UDP one way, {SIZE_NAMES[str(size)]}", BOTH, [at_least(0.93, "rate")], shown=("raw",),
+                  way="one", size=size, cores="two")
+    yield row("udp", "UDP round trip, 64 B", BOTH, [at_most(1.10, "p50_ns")], shown=("raw",), way="round", size=64,
+              cores="one")
+
+
+# Single costs, measured by a program of their own; each figure is named after one of its benchmarks.
+MICRO = row("micro", "single costs", (JUDGED,), [
+    at_most(60, "token_ns", ""), at_most(5, "trace_off_ns", ""),
+    at_most(250, "send_path_ns", ""), at_most(250, "receive_path_ns", ""),
+], seconds=None, rounds=3, quick={"rounds": 1})
+
+ROWS = (
+    *round_trips(),
+    *one_way(),
+    *broadcasts(),
+    row("setup", "set-up, one after the other", BOTH, [at_least(0.92, "rate")], shown=("raw",), cores="one"),
+    *datagrams(),
+    *at_rest(),
+    *memory(),
+    MICRO,
+)
+
+# Goals that are counts: they do not vary, so tests hold them and nothing is measured here.
+COUNTED = (
+    ("system calls per packet, steady stream",
+     "exactly 6 + 6 with data, 3 + 3 header only, UDP 4 + 3; at most 0.02 others"),
+    ("allocations per packet", "none to send; to receive, header and data from a pool"),
+    ("data parts of a broadcast", "one, however many peers"),
+)
