@@ -45,7 +45,8 @@ private:
     struct_token kept;
 };
 
-thread_local offered_original t_offered;
+// Reached without a call, also from a library opened at run time.
+__attribute__((tls_model("initial-exec"))) thread_local offered_original t_offered;
 
 std::uint64_t data_bytes(struct_token& token) {
     return token.has_data() ? token.get_header_packet()->get_data_size() : 0;
@@ -152,19 +153,24 @@ int inbox::offer(struct_token& token) {
 
 std::size_t inbox::take(std::span<struct_token> tokens, std::chrono::milliseconds longest) {
     std::uint64_t const wakes_before = state->wakes.load(std::memory_order_acquire);
-    steady_clock::time_point const deadline = steady_clock::now() + longest;
-    auto const is_due = [&] {
-        return state->queue.size() != 0 || state->stopped.load(std::memory_order_acquire) ||
+    auto const is_called_off = [&] {
+        return state->stopped.load(std::memory_order_acquire) ||
                state->wakes.load(std::memory_order_acquire) != wakes_before;
     };
-    for (;;) {
-        std::size_t const count = state->take_waiting(tokens);
-        bool const called_off =
-            is_stopped() || state->wakes.load(std::memory_order_acquire) != wakes_before || tokens.empty();
-        if (count != 0 || called_off || !state->takers.sleep_until(deadline, is_due)) {
+    std::size_t count = state->take_waiting(tokens);
+    if (count != 0 || is_called_off() || tokens.empty()) {
+        return count;
+    }
+    // Only whoever sleeps needs to know the time.
+    steady_clock::time_point const deadline = steady_clock::now() + longest;
+    auto const is_due = [&] { return state->queue.size() != 0 || is_called_off(); };
+    while (count == 0 && state->takers.sleep_until(deadline, is_due)) {
+        count = state->take_waiting(tokens);
+        if (is_called_off()) {
             return count;
         }
     }
+    return count;
 }
 
 void inbox::wake() {

@@ -4,6 +4,7 @@
 #define REFERENCE_HOST_WAKEUP_HPP
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdint>
@@ -21,18 +22,18 @@ public:
     /// Sleeps until ready() or the moment has come. The last answer of ready().
     template <class Ready>
     bool sleep_until(std::chrono::steady_clock::time_point moment, Ready ready) {
-        for (;;) {
-            // Said before ready() looks, and read by wake() after the work was laid down: one of the two sees the
-            // other.
+        for (bool is_due = false; !ready(); is_due = wait_until(moment)) {
+            if (is_due) {
+                return false;
+            }
+            // Said before ready() looks once more, and read by wake() after the work was laid down: one of the two sees
+            // the other.
             state.exchange(c_somebody_sleeps, std::memory_order_acq_rel);
             if (ready()) {
                 return true;
             }
-            if (std::chrono::steady_clock::now() >= moment) {
-                return false;
-            }
-            wait_until(moment);
         }
+        return true;
     }
 
     /// Call it after the change that makes ready() true. Wakes all who sleep; the first call after that costs, the others
@@ -48,14 +49,16 @@ private:
     static constexpr std::uint32_t c_all_awake = 0;
     static constexpr std::uint32_t c_somebody_sleeps = 1;
 
-    /// Returns when woken, at the moment, or for no reason. The steady clock is CLOCK_MONOTONIC here.
-    void wait_until(std::chrono::steady_clock::time_point moment) {
+    /// Returns when woken, at the moment, or for no reason. True when the moment has come; the steady clock is
+    /// CLOCK_MONOTONIC here.
+    bool wait_until(std::chrono::steady_clock::time_point moment) {
         auto const nanoseconds =
             std::chrono::duration_cast<std::chrono::nanoseconds>(moment.time_since_epoch()).count();
         timespec const until{static_cast<time_t>(nanoseconds / 1000000000),
                              static_cast<long>(nanoseconds % 1000000000)};
-        ::syscall(SYS_futex, &state, FUTEX_WAIT_BITSET_PRIVATE, c_somebody_sleeps, &until, nullptr,
-                  FUTEX_BITSET_MATCH_ANY);
+        return ::syscall(SYS_futex, &state, FUTEX_WAIT_BITSET_PRIVATE, c_somebody_sleeps, &until, nullptr,
+                         FUTEX_BITSET_MATCH_ANY) == -1 &&
+               errno != EAGAIN && errno != EINTR;
     }
 
     std::atomic<std::uint32_t> state{c_all_awake};
