@@ -30,7 +30,8 @@ def git(root, *arguments):
 
 
 def heading(root, quick, seconds, ending):
-    changed = " with changes" if git(root, "status", "--porcelain") else ""
+    # The page itself is what the run writes.
+    changed = " with changes" if git(root, "status", "--porcelain", "--", ".", ":!docs/proof.md") else ""
     return "\n".join((
         "# Proof",
         "",
