@@ -84,6 +84,7 @@ private:
         EPoll::clear_connect_map(EPoll::g_connect_map);
         EPoll::clear_connect_map(EPoll::g_connect_fail_map);
         EPoll::clear_establish_map(EPoll::g_establish_client_map);
+        EPoll::clear_establish_map(EPoll::g_establish_server_map);
         EPoll::g_remote_server_map.clear();
         take_errors();
         release_offers();
@@ -92,9 +93,10 @@ private:
 
 TEST_F(allocation_failures, of_a_close_leave_no_record_and_the_center_is_told) {
     fail_each([this] { return established("rec"); }, [](tcp_record* rec) { EPoll::close_client(rec); },
-              [this](tcp_record* rec, bool) {
+              [this](tcp_record* rec, bool threw) {
                   EXPECT_FALSE(lives(rec));
                   EXPECT_EQ(notices, 1);
+                  EXPECT_EQ(threw, live_records().empty()) << "a destination without a record is told of";
               });
 }
 
@@ -168,6 +170,21 @@ TEST_F(allocation_failures, of_an_acceptance_destroy_the_record) {
     EXPECT_EQ(EPoll::g_accepted_exchanging.first, nullptr);
     EXPECT_TRUE(EPoll::g_establish_server_map.empty());
     EXPECT_EQ(notices, 0);
+}
+
+TEST_F(allocation_failures, of_the_place_of_a_call_leave_it_with_the_caller) {
+    constexpr std::size_t c_full_block = 63; // the next one takes memory
+    tcp_record* const rec = filed_accepted("rec");
+    while (rec->ack_q.size() < c_full_block) {
+        rec->ack_q.push_back(make_token({.call = true}));
+    }
+    auto call = make_token({.call = true});
+    EXPECT_TRUE(
+        throws_at(1, [&] { INet_Relay::send_tcp_server(EPoll::peer_of(rec), call, call.get_header_packet()); }));
+    EXPECT_EQ(rec->ack_q.size(), c_full_block);
+    EXPECT_TRUE(rec->send_q.empty()) << "an acknowledgement would release another call";
+    EXPECT_TRUE(call.has_header());
+    call.free();
 }
 
 TEST_F(allocation_failures, can_hit_a_silent_connection_only_now_and_then_however_many_packets_wait) {
