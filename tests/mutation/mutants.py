@@ -17,13 +17,14 @@ import os
 import random
 import re
 import shlex
+import signal
 import subprocess
 import sys
 import tempfile
 import threading
 import time
 from collections import Counter
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -257,13 +258,18 @@ class Workshop:
 
 
 def passes(program, arguments, seconds):
+    """Whether the program ends well in that time. Whatever it started ends with it."""
+    run = subprocess.Popen(("prlimit", f"--as={MOST_MEMORY}", "--core=0", str(program), *arguments),
+                           stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                           cwd=program.parent, start_new_session=True)
     try:
-        done = subprocess.run(("prlimit", f"--as={MOST_MEMORY}", "--core=0", str(program), *arguments),
-                              stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                              timeout=seconds, cwd=program.parent)
+        return run.wait(seconds) == 0
     except subprocess.TimeoutExpired:
         return False
-    return done.returncode == 0
+    finally:
+        with suppress(ProcessLookupError):
+            os.killpg(run.pid, signal.SIGKILL)
+        run.wait()
 
 
 def own_suites(source):
