@@ -232,13 +232,13 @@ TEST_P(limits_of_either_side, a_connection_takes_one_descriptor) {
 TEST_P(limits_of_either_side, a_write_to_a_peer_that_does_not_read_waits_a_few_milliseconds) {
     constexpr int c_writes = 51;
     establish(GetParam());
-    int fd = -1;
-    ASSERT_TRUE(with_record(made, [&](tcp_record* rec) { fd = rec->fd; }));
+    descriptor own; // another one for the relay's socket, which the relay may close meanwhile
+    ASSERT_TRUE(with_record(made, [&](tcp_record* rec) { own = descriptor(::dup(rec->fd)); }));
     bytes const large(1 << 20);
     std::vector<seconds> waits;
     while (waits.size() < c_writes) {
         auto const before = clock_type::now();
-        ssize_t const taken = __real_send(fd, large.data(), large.size(), 0);
+        ssize_t const taken = __real_send(own.get(), large.data(), large.size(), 0);
         seconds const waited = clock_type::now() - before;
         ASSERT_LT(waited, 1s);
         if (taken == -1) { // else there was room, which grows at first
