@@ -155,10 +155,8 @@ TEST_F(udp_loopback, packets_handed_over_at_once_leave_in_order) {
 
 TEST(udp_ports, one_that_cannot_be_listened_on_takes_the_udp_sockets_of_all_others_along) {
     udp_node node;
-    ASSERT_EQ(relay::initialize(), 0);
-    std::uint16_t const free = bare_socket(INADDR_ANY).port();
-    ASSERT_EQ(relay::add_server(free), 0);
-    EXPECT_EQ(bare_socket(INADDR_ANY, free).port(), 0) << "the relay has it";
+    ASSERT_TRUE(node.prepare());
+    EXPECT_EQ(bare_socket(INADDR_ANY, node.port()).port(), 0) << "the relay has it";
 
     int const listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(::listen(listener, 1), 0);
@@ -167,7 +165,7 @@ TEST(udp_ports, one_that_cannot_be_listened_on_takes_the_udp_sockets_of_all_othe
     ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&held), &length), 0);
     EXPECT_EQ(relay::add_server(ntohs(held.sin_port)), EADDRINUSE);
     EXPECT_EQ(node.lines(2).back(), "바인딩 실패");
-    EXPECT_EQ(bare_socket(INADDR_ANY, free).port(), free) << "the relay has let go of it";
+    EXPECT_EQ(bare_socket(INADDR_ANY, node.port()).port(), node.port()) << "the relay has let go of it";
     ::close(listener);
     EXPECT_EQ(relay::finalize(), 0);
 }

@@ -84,9 +84,8 @@ bool udp_node::open(std::uint16_t number) {
     return true;
 }
 
-bool udp_node::start(std::uint16_t wish) {
+bool udp_node::prepare(std::uint16_t wish) {
     relay::initialize();
-    is_running = true;
     bool is_open = open(wish != 0 ? wish : served);
     for (int attempt = 0; !is_open && wish == 0 && attempt < c_port_attempts; ++attempt) {
         // Somebody else was faster; what was printed about it is of no interest.
@@ -95,7 +94,13 @@ bool udp_node::start(std::uint16_t wish) {
         host::drain_output(c_patience);
         lines(0);
     }
+    return is_open;
+}
+
+bool udp_node::start(std::uint16_t wish) {
+    bool const is_open = prepare(wish);
     relay::start();
+    is_running = true;
     return is_open;
 }
 

@@ -40,8 +40,10 @@ public:
     udp_node(udp_node const&) = delete;
     udp_node& operator=(udp_node const&) = delete;
 
-    /// initialize, add_server, start. On the port of the last time while it is free, else on another one; a wish is
-    /// taken as that port. False when no port could be opened.
+    /// initialize and add_server, no more: the caller finalizes. On the port of the last time while it is free, else on
+    /// another one; a wish is taken as that port. False when no port could be opened.
+    bool prepare(std::uint16_t wish = 0);
+    /// The same, and start.
     bool start(std::uint16_t wish = 0);
     /// stop, finalize.
     void stop();
