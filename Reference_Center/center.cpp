@@ -113,7 +113,7 @@ char const* way_text(way via) {
     return "";
 }
 
-center::center(center_plan const& wanted, center_user& of) : plan(wanted), user(of) {
+center::center(center_plan const& wanted, center_user& of) : plan(wanted), user(of), known(wanted.ports) {
     use_configuration(plan.configuration);
     auto const deadline = steady_clock::now() + plan.wait_for_ports;
     for (std::uint16_t const port : plan.ports) {
@@ -140,6 +140,7 @@ void center::start() {
     }
     Center::INet_Relay::start();
     runs = true;
+    known.note_ready(true);
 }
 
 center::~center() {
@@ -151,6 +152,7 @@ void center::stop() {
         return;
     }
     runs = false;
+    known.note_ready(false);
     get_center_inbox().stop();
     std::promise<void> stopped;
     std::future<void> const end = stopped.get_future();
@@ -208,10 +210,12 @@ void center::notice(struct_packet const& header) {
         event == connection_event::connected_from_client || event == connection_event::disconnected_from_client;
     peer const who{source_of(header), is_accepted ? way::accepted : way::outgoing};
     if (event == connection_event::connected_from_client || event == connection_event::connected_to_server) {
-        connected[who.address] = who.via;
+        connected[who] = Reference_Host::get_destination(header).port;
+        known.note_connected(who);
         user.on_connected(who);
     } else {
-        connected.erase(who.address);
+        connected.erase(who);
+        known.note_disconnected(who);
         user.on_disconnected(who);
     }
 }
@@ -219,24 +223,32 @@ void center::notice(struct_packet const& header) {
 void center::receive(struct_token& token, struct_packet& header) {
     // The relay stamps this on datagrams only.
     bool const is_datagram = header.get_mct_ip() == c_local_host;
-    (is_datagram ? udp_in : tcp_in).add(Reference_Host::get_data_span(token).size());
-    peer from{source_of(header), way::udp};
-    if (!is_datagram) {
-        auto const known = connected.find(from.address);
-        from.via = known != connected.end() ? known->second : way::outgoing;
-    }
+    peer const from{source_of(header), is_datagram ? way::udp : find_way(header)};
+    known.note_arrival(from, Reference_Host::get_data_span(token).size());
     if (from.via == way::accepted && (header.is_call_return() || header.is_signal_return())) {
         send(from, make_acknowledgement(header));
     }
     user.on_packet({token, header, from});
 }
 
+way center::find_way(struct_packet const& header) const {
+    auto const accepted = connected.find({source_of(header), way::accepted});
+    if (accepted == connected.end()) {
+        return way::outgoing;
+    }
+    bool const is_both = connected.contains({accepted->first.address, way::outgoing});
+    // Of two connections with one address, each has the port by which the peer knows this node.
+    return is_both && accepted->second != Reference_Host::get_destination(header).port ? way::outgoing : way::accepted;
+}
+
 void center::connect(struct_node_addr destination) {
+    known.note_destination(destination);
     Center::INet_Relay::add_client(destination.ip, destination.port);
 }
 
 void center::withdraw(struct_node_addr destination) {
     Center::INet_Relay::del_client(destination.ip, destination.port);
+    known.note_withdrawn(destination);
 }
 
 bool center::send(peer const& to, struct_token token, std::uint32_t number) {
@@ -256,7 +268,7 @@ bool center::send(peer const& to, struct_token token, std::uint32_t number) {
         break;
     }
     if (result == 0) {
-        (to.via == way::udp ? udp_out : tcp_out).add(size);
+        known.note_hand_over(to, size);
         return true;
     }
     mark.was_refused(token);
@@ -265,9 +277,9 @@ bool center::send(peer const& to, struct_token token, std::uint32_t number) {
 }
 
 void center::send_to_all_accepted(struct_token token) {
-    for (auto const& [address, via] : connected) {
-        if (via == way::accepted) {
-            tcp_out.add(token.get_header_packet()->get_data_size());
+    for (auto const& [who, gate_port] : connected) {
+        if (who.via == way::accepted) {
+            known.note_hand_over(who, token.get_header_packet()->get_data_size());
         }
     }
     Center::INet_Relay::send_tcp_broadcast(token, token.get_header_packet());

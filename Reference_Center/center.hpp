@@ -8,6 +8,8 @@
 #include "Host/zolt_packet.hpp"
 #include "Reference_Center/diagnostics.hpp"
 #include "Reference_Center/hand_over_book.hpp"
+#include "Reference_Center/node_account.hpp"
+#include "Reference_Center/peer.hpp"
 #include "Reference_Center/stop_signals.hpp"
 #include "Reference_Host/packet_building.hpp"
 #include "Reference_Host/packet_reading.hpp"
@@ -20,21 +22,6 @@
 #include <vector>
 
 namespace Zolt::Reference_Center {
-
-/// The way that a packet came, or goes.
-enum class way {
-    udp,
-    accepted, ///< over a connection that the peer opened
-    outgoing, ///< over a connection that this node opened
-};
-char const* way_text(way via);
-
-struct peer {
-    struct_node_addr address;
-    way via = way::udp;
-
-    friend bool operator==(peer const&, peer const&) = default;
-};
 
 /// A packet that arrived. The token is freed when the call that got it returns.
 struct arrival {
@@ -63,20 +50,6 @@ struct center_plan {
     std::chrono::milliseconds stop_timeout{5000};
 };
 
-struct traffic_counts {
-    std::uint64_t packets = 0;
-    std::uint64_t bytes = 0; ///< of data
-
-    void add(std::uint64_t size) {
-        ++packets;
-        bytes += size;
-    }
-
-    friend traffic_counts operator+(traffic_counts const& a, traffic_counts const& b) {
-        return {a.packets + b.packets, a.bytes + b.bytes};
-    }
-};
-
 class center {
 public:
     /// Runs when it returns. Throws failure: configuration, ports, or what the relay could not do.
@@ -101,13 +74,11 @@ public:
     /// Copies of the packet for all accepted connections; frees the packet.
     void send_to_all_accepted(struct_token token);
 
-    std::map<struct_node_addr, way> const& peers() const { return connected; }
-    traffic_counts arrived() const { return udp_in + tcp_in; }
-    traffic_counts const& arrived_over_udp() const { return udp_in; }
-    traffic_counts const& arrived_over_tcp() const { return tcp_in; }
-    traffic_counts const& handed_over_udp() const { return udp_out; }
-    /// Copies made for all accepted connections count once for each.
-    traffic_counts const& handed_over_tcp() const { return tcp_out; }
+    /// Those connected now, each with the port by which it knows this node.
+    std::map<peer, std::uint16_t> const& peers() const { return connected; }
+    /// What this Center knows of itself. Copies made for all accepted connections count once for each.
+    node_account const& account() const { return known; }
+    traffic_counts arrived() const { return known.arrived_over_udp() + known.arrived_over_tcp(); }
 
     /// Refuses what arrives from now on, stops the relay, and frees what nobody took out of the inbox. Ends the process
     /// when the relay takes longer than the plan allows.
@@ -118,15 +89,14 @@ private:
     void dispatch(struct_token& token);
     void notice(struct_packet const& header);
     void receive(struct_token& token, struct_packet& header);
+    /// Of a packet that came over TCP.
+    way find_way(struct_packet const& header) const;
 
     center_plan const plan;
     center_user& user;
     relay_lines const lines;
-    std::map<struct_node_addr, way> connected;
-    traffic_counts udp_in;
-    traffic_counts tcp_in;
-    traffic_counts udp_out;
-    traffic_counts tcp_out;
+    node_account known;
+    std::map<peer, std::uint16_t> connected; ///< and the port by which the peer knows this node
     bool runs = false;
 };
 

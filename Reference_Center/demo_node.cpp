@@ -135,9 +135,9 @@ private:
     peer peer_of(json_object const& command) const {
         std::string const over = command.at("over").get<std::string>();
         if (over == way_text(way::accepted)) {
-            for (auto const& [address, via] : node.peers()) {
-                if (via == way::accepted) {
-                    return {address, via};
+            for (auto const& [who, gate_port] : node.peers()) {
+                if (who.via == way::accepted) {
+                    return who;
                 }
             }
         }
@@ -208,10 +208,10 @@ private:
     void tell_state() {
         json_object state{{"event", "state"},
                           {"links", node.peers().size()},
-                          {"udp_in", counts_of(node.arrived_over_udp())},
-                          {"udp_out", counts_of(node.handed_over_udp())},
-                          {"tcp_in", counts_of(node.arrived_over_tcp())},
-                          {"tcp_out", counts_of(node.handed_over_tcp())},
+                          {"udp_in", counts_of(node.account().arrived_over_udp())},
+                          {"udp_out", counts_of(node.account().handed_over_udp())},
+                          {"tcp_in", counts_of(node.account().arrived_over_tcp())},
+                          {"tcp_out", counts_of(node.account().handed_over_tcp())},
                           {"queued", count_hand_overs().queued}};
         for (auto const& [number, count] : streams) {
             state["streams"][std::to_string(number)] = {{"distinct", count.distinct()}, {"arrived", count.arrived()}};
