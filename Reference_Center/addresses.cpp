@@ -6,14 +6,23 @@
 
 namespace Zolt::Reference_Center {
 
-std::optional<std::uint16_t> parse_port(std::string_view text) {
+namespace {
+
+std::optional<std::uint16_t> parse_any_port(std::string_view text) {
     std::uint16_t port = 0;
     char const* const end = text.data() + text.size();
     auto const [stop, error] = std::from_chars(text.data(), end, port);
-    if (error != std::errc() || stop != end || port == 0) {
+    if (error != std::errc() || stop != end) {
         return std::nullopt;
     }
     return port;
+}
+
+} // namespace
+
+std::optional<std::uint16_t> parse_port(std::string_view text) {
+    auto const port = parse_any_port(text);
+    return port == 0 ? std::nullopt : port;
 }
 
 std::optional<std::uint32_t> parse_ip(std::string const& text) {
@@ -24,17 +33,22 @@ std::optional<std::uint32_t> parse_ip(std::string const& text) {
     return address.s_addr;
 }
 
-std::optional<struct_node_addr> parse_address(std::string_view text) {
+std::optional<struct_node_addr> parse_local_address(std::string_view text) {
     std::size_t const colon = text.rfind(':');
     if (colon == std::string_view::npos) {
         return std::nullopt;
     }
     auto const ip = parse_ip(std::string(text.substr(0, colon)));
-    auto const port = parse_port(text.substr(colon + 1));
+    auto const port = parse_any_port(text.substr(colon + 1));
     if (!ip || !port) {
         return std::nullopt;
     }
     return struct_node_addr{*ip, *port};
+}
+
+std::optional<struct_node_addr> parse_address(std::string_view text) {
+    auto const address = parse_local_address(text);
+    return address && address->port == 0 ? std::nullopt : address;
 }
 
 std::string ip_text(std::uint32_t ip) {

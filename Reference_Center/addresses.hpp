@@ -15,6 +15,8 @@ namespace Zolt::Reference_Center {
 std::optional<std::uint16_t> parse_port(std::string_view text);
 /// Dotted decimal; network byte order.
 std::optional<std::uint32_t> parse_ip(std::string const& text);
+/// IP:PORT of this node, where port 0 stands for any.
+std::optional<struct_node_addr> parse_local_address(std::string_view text);
 /// IP:PORT.
 std::optional<struct_node_addr> parse_address(std::string_view text);
 

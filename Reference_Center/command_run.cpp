@@ -1,5 +1,6 @@
 // zolt-center run: a Center in the foreground.
 #include "Reference_Center/addresses.hpp"
+#include "Reference_Center/admin_site.hpp"
 #include "Reference_Center/center.hpp"
 #include "Reference_Center/link_message.hpp"
 #include "Reference_Center/options.hpp"
@@ -17,6 +18,7 @@ using std::chrono::steady_clock;
 
 struct run_options : common_options {
     std::vector<std::string> destinations;
+    std::string admin;
     bool echo = false;
     double seconds = 0;
 };
@@ -76,10 +78,13 @@ private:
     std::uint64_t returned = 0;
 };
 
-void tell_ready(run_options const& options) {
+void tell_ready(run_options const& options, std::string const& admin) {
     if (options.json) {
-        write_out_object(json_object{
-            {"event", "ready"}, {"pid", ::getpid()}, {"listen", options.ports}, {"connect", options.destinations}});
+        write_out_object(json_object{{"event", "ready"},
+                                     {"pid", ::getpid()},
+                                     {"listen", options.ports},
+                                     {"connect", options.destinations},
+                                     {"admin", admin.empty() ? json_object(nullptr) : json_object(admin)}});
         return;
     }
     std::string line = "ready";
@@ -88,6 +93,9 @@ void tell_ready(run_options const& options) {
     }
     if (!options.destinations.empty()) {
         line += fmt::format("; connecting to {}", fmt::join(options.destinations, ", "));
+    }
+    if (!admin.empty()) {
+        line += fmt::format("; admin at http://{}/", admin);
     }
     write_out_line(line);
 }
@@ -128,10 +136,11 @@ int run_center(run_options const& options) {
     plan.signals = &signals;
     center node(plan, user);
     user.use(node);
+    auto const admin = open_admin(options.admin);
     for (std::string const& destination : options.destinations) {
         node.connect(*parse_address(destination));
     }
-    tell_ready(options);
+    tell_ready(options, admin_text(admin.get()));
     auto const end =
         options.seconds > 0 ? steady_clock::now() + to_milliseconds(options.seconds) : steady_clock::time_point::max();
     node.serve_until(end, [&] { return signals.is_requested(); });
@@ -159,6 +168,7 @@ void add_run_command(CLI::App& app, action& chosen) {
     command.add_option("--seconds", options->seconds, "Stop after that time")
         ->check(seconds_check(0.001))
         ->type_name("SECONDS");
+    add_admin_option(command, options->admin);
     add_center_options(command, *options);
     add_json_option(command, options->json, "Print events and the sum as one JSON object a line");
     command.footer(

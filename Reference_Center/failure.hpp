@@ -2,6 +2,8 @@
 #ifndef REFERENCE_CENTER_FAILURE_HPP
 #define REFERENCE_CENTER_FAILURE_HPP
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -29,6 +31,14 @@ public:
 private:
     exit_code ending;
 };
+
+/// The descriptor that a system call answered; throws failure when it is -1, by errno.
+inline int checked(int descriptor, char const* what) {
+    if (descriptor == -1) {
+        throw failure(exit_code::failed, std::string(what) + ": " + std::strerror(errno));
+    }
+    return descriptor;
+}
 
 } // namespace Zolt::Reference_Center
 

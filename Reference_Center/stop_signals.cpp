@@ -3,10 +3,8 @@
 #include "Reference_Center/failure.hpp"
 #include "Reference_Host/inbox.hpp"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
@@ -17,13 +15,6 @@ namespace {
 
 /// Who signals a process and its group sends the same signal twice.
 constexpr std::chrono::milliseconds c_same_signal{100};
-
-int checked(int descriptor, char const* what) {
-    if (descriptor == -1) {
-        throw failure(exit_code::failed, std::string(what) + ": " + std::strerror(errno));
-    }
-    return descriptor;
-}
 
 int open_signals() {
     sigset_t set;

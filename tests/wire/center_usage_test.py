@@ -10,7 +10,7 @@ import unittest
 import center_support as support
 
 COMMANDS = {
-    "run": ["--listen", "--connect", "--echo", "--seconds", "--config", "--max-packet", "--wait-port",
+    "run": ["--listen", "--connect", "--echo", "--admin", "--seconds", "--config", "--max-packet", "--wait-port",
             "--stop-timeout", "--json"],
     "send": ["--to", "--tcp", "--udp", "--size", "--lines", "--port", "--interface", "--rate", "--wait", "FILE"],
     "listen": ["--port", "--format", "--count", "--seconds", "--once", "--group", "--source", "--interface"],
@@ -33,6 +33,7 @@ WRONG_USAGE = [
     (["run", "--connect", "10.0.0.2"], '"10.0.0.2" is no address such as 10.0.0.2:7000'),
     (["run", "--connect", "10.0.0.2:65536"], '"10.0.0.2:65536" is no address'),
     (["run", "--connect", "ten:7000"], '"ten:7000" is no address'),
+    (["run", "--listen", "7000", "--admin", "nowhere"], '"nowhere" is neither none nor an address such as 127.0.0.1'),
     (["run", "--listen", "7000", "--stop-timeout", "0"], "--stop-timeout"),
     (["run", "--listen", "7000", "--quiet", "--verbose"], "--quiet"),
     (["send"], "--to is required"),

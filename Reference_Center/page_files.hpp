@@ -1,0 +1,20 @@
+// The files of Reference_Center/page, compiled into the program; cmake/embed_files.cmake writes the table.
+#ifndef REFERENCE_CENTER_PAGE_FILES_HPP
+#define REFERENCE_CENTER_PAGE_FILES_HPP
+
+#include <span>
+#include <string_view>
+
+namespace Zolt::Reference_Center {
+
+struct page_file {
+    std::string_view name;
+    std::string_view type; ///< media type
+    std::span<unsigned char const> content;
+};
+
+std::span<page_file const> page_files();
+
+} // namespace Zolt::Reference_Center
+
+#endif
