@@ -1,0 +1,16 @@
+# Parts of zolt-center that stand alone, each test with the sources that it needs.
+
+if(INET_RELAY_CENTER)
+  find_package(fmt REQUIRED)
+
+  # reference_center_test(name source...): one test program; sources of the program from the root of the tree.
+  function(reference_center_test name)
+    add_executable(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE house fmt::fmt GTest::gtest_main Threads::Threads)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit TIMEOUT 60)
+  endfunction()
+
+  set(center_sources ${PROJECT_SOURCE_DIR}/Reference_Center)
+  reference_center_test(latency_test latency_test.cpp
+    ${center_sources}/latency_histogram.cpp ${center_sources}/latency_plot.cpp)
+endif()
