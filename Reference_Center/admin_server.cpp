@@ -282,8 +282,7 @@ private:
 };
 
 http_answer refuse(unsigned int status, std::string const& text) {
-    json_object const object{{"error", text}};
-    return {status, "application/json", object.dump(-1, ' ', false, json_object::error_handler_t::replace) + "\n"};
+    return {status, "application/json", to_line(json_object{{"error", text}})};
 }
 
 admin_server::admin_server(struct_node_addr where, handler answers)

@@ -3,6 +3,7 @@
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/diagnostics.hpp"
 #include "Reference_Center/failure.hpp"
+#include "Reference_Center/node_report_json.hpp"
 #include "Reference_Center/page_files.hpp"
 
 #include <algorithm>
@@ -27,28 +28,75 @@ http_answer answer_file(std::string_view name) {
     return {MHD_HTTP_OK, std::string(file->type), std::string(file->content.begin(), file->content.end())};
 }
 
-http_answer answer_path(std::string_view path) {
-    if (path == "/") {
-        return answer_file(c_front_page);
-    }
-    return answer_file(path.starts_with(c_assets) ? path.substr(c_assets.size()) : "");
+http_answer answer_object(json_object const& object) {
+    return {MHD_HTTP_OK, "application/json", to_line(object)};
 }
 
-std::unique_ptr<admin_server> open_at(struct_node_addr where) {
-    return std::make_unique<admin_server>(where, [](std::string const& path) { return answer_path(path); });
+http_answer answer_word(bool is_so, std::string const& otherwise) {
+    http_answer answer;
+    answer.status = is_so ? MHD_HTTP_OK : MHD_HTTP_SERVICE_UNAVAILABLE;
+    answer.body = (is_so ? "ok" : otherwise) + "\n";
+    return answer;
+}
+
+std::string ended_threads(status_report const& report) {
+    std::vector<std::string_view> ended;
+    for (thread_report const& thread : report.threads) {
+        if (!thread.running) {
+            ended.push_back(thread.name);
+        }
+    }
+    return fmt::format("ended: {}", fmt::join(ended, ", "));
+}
+
+http_answer answer_health(node_account const& account) {
+    status_report const report = account.take_status();
+    return answer_word(report.healthy, ended_threads(report));
+}
+
+http_answer answer_readiness(node_account const& account) {
+    return answer_word(account.take_status().ready, "not ready");
+}
+
+struct route {
+    std::string_view path;
+    http_answer (*answer)(node_account const&);
+};
+
+constexpr route c_routes[] = {
+    {"/", [](node_account const&) { return answer_file(c_front_page); }},
+    {"/healthz", answer_health},
+    {"/readyz", answer_readiness},
+    {"/api/v1/status", [](node_account const& account) { return answer_object(status_json(account.take_status())); }},
+    {"/api/v1/peers", [](node_account const& account) { return answer_object(peers_json(account.take_peers())); }},
+    {"/api/v1/closed", [](node_account const& account) { return answer_object(closed_json(account.take_closed())); }},
+};
+
+http_answer answer_path(std::string_view path, node_account const& account) {
+    if (path.starts_with(c_assets)) {
+        return answer_file(path.substr(c_assets.size()));
+    }
+    auto const known =
+        std::find_if(std::begin(c_routes), std::end(c_routes), [&](route const& one) { return one.path == path; });
+    return known != std::end(c_routes) ? known->answer(account) : refuse(MHD_HTTP_NOT_FOUND, "no such page");
+}
+
+std::unique_ptr<admin_server> open_at(struct_node_addr where, node_account const& account) {
+    return std::make_unique<admin_server>(where,
+                                          [&account](std::string const& path) { return answer_path(path, account); });
 }
 
 /// The default place, or any port beside it, or nothing.
-std::unique_ptr<admin_server> open_default() {
+std::unique_ptr<admin_server> open_default(node_account const& account) {
     struct_node_addr where = *parse_local_address(c_default_admin);
     try {
-        return open_at(where);
+        return open_at(where, account);
     } catch (failure const& reason) {
         log_event(reason.what());
     }
     where.port = 0;
     try {
-        return open_at(where);
+        return open_at(where, account);
     } catch (failure const& reason) {
         log_warning(reason.what());
         return nullptr;
@@ -77,14 +125,14 @@ void add_admin_option(CLI::App& command, std::string& place) {
         ->type_name("IP:PORT|none");
 }
 
-std::unique_ptr<admin_server> open_admin(std::string const& place) {
+std::unique_ptr<admin_server> open_admin(std::string const& place, node_account const& account) {
     if (place == c_none) {
         return nullptr;
     }
     if (place.empty()) {
-        return open_default();
+        return open_default(account);
     }
-    auto made = open_at(*parse_local_address(place));
+    auto made = open_at(*parse_local_address(place), account);
     if (!is_loopback(made->address())) {
         log_warning(fmt::format("the admin endpoint at {} can be read by whoever reaches that address",
                                 address_text(made->address())));

@@ -3,6 +3,7 @@
 #define REFERENCE_CENTER_ADMIN_SITE_HPP
 
 #include "Reference_Center/admin_server.hpp"
+#include "Reference_Center/node_account.hpp"
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -18,7 +19,8 @@ void add_admin_option(CLI::App& command, std::string& place);
 
 /// Opens the endpoint at the place of --admin. The default place is given up for any free port when it is taken, so that it
 /// stops no Center; then, and with "none", there may be no endpoint. Throws failure for a place that was asked for.
-std::unique_ptr<admin_server> open_admin(std::string const& place);
+/// The account has to outlive it.
+std::unique_ptr<admin_server> open_admin(std::string const& place, node_account const& account);
 
 /// The endpoint's address, or nothing.
 std::string admin_text(admin_server const* admin);

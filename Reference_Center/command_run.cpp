@@ -136,7 +136,7 @@ int run_center(run_options const& options) {
     plan.signals = &signals;
     center node(plan, user);
     user.use(node);
-    auto const admin = open_admin(options.admin);
+    auto const admin = open_admin(options.admin, node.account());
     for (std::string const& destination : options.destinations) {
         node.connect(*parse_address(destination));
     }

@@ -29,6 +29,11 @@ int write_whole(int descriptor, std::string_view text) {
 
 } // namespace
 
+std::string to_line(json_object const& object) {
+    // Bytes that are no UTF-8 can only come from file names and arguments.
+    return object.dump(-1, ' ', false, json_object::error_handler_t::replace) + "\n";
+}
+
 void write_out(std::string_view text) {
     if (int const error = write_whole(STDOUT_FILENO, text); error != 0) {
         throw failure(exit_code::failed, "cannot write to standard output: " + std::string(std::strerror(error)));
@@ -40,8 +45,7 @@ void write_out_line(std::string_view line) {
 }
 
 void write_out_object(json_object const& object) {
-    // Bytes that are no UTF-8 can only come from file names and arguments.
-    write_out_line(object.dump(-1, ' ', false, json_object::error_handler_t::replace));
+    write_out(to_line(object));
 }
 
 void write_error_line(std::string_view line) {

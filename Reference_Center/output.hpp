@@ -14,6 +14,9 @@ namespace Zolt::Reference_Center {
 /// Keys stay in the order in which they were set.
 using json_object = nlohmann::ordered_json;
 
+/// The object on one line, its end included.
+std::string to_line(json_object const& object);
+
 /// Writes a result, all of it, to standard output. Throws failure when its reader is gone.
 void write_out(std::string_view text);
 /// Writes one line, or one JSON object on a line.
