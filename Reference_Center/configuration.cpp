@@ -1,5 +1,6 @@
 #include "Reference_Center/configuration.hpp"
 
+#include "Reference_Center/configuration_keys.hpp"
 #include "Reference_Center/failure.hpp"
 #include "Reference_Host/ini_file.hpp"
 
@@ -8,12 +9,6 @@
 #include <fmt/format.h>
 
 namespace Zolt::Reference_Center {
-namespace {
-
-/// The file that the relay asks its host for, as seen from the working directory.
-constexpr char c_relays_file[] = "../Config/zolt.ini";
-
-} // namespace
 
 void use_configuration(std::string const& path) {
     bool const is_chosen = !path.empty();

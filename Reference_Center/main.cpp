@@ -2,13 +2,12 @@
 #include "Reference_Center/failure.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/output.hpp"
+#include "Reference_Center/word_distance.hpp"
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <numeric>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace Zolt::Reference_Center {
@@ -16,22 +15,6 @@ namespace {
 
 constexpr std::size_t c_close_enough = 2;
 constexpr std::size_t c_help_column = 34;
-
-/// How many letters must be changed, put in or taken out to turn one word into the other.
-std::size_t count_edits(std::string_view from, std::string_view to) {
-    std::vector<std::size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 0; i < from.size(); ++i) {
-        std::size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (std::size_t j = 0; j < to.size(); ++j) {
-            std::size_t const changed = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
 
 /// Commands that the help shows.
 std::vector<std::string> command_names(CLI::App const& app) {
@@ -44,13 +27,6 @@ std::vector<std::string> command_names(CLI::App const& app) {
     return names;
 }
 
-std::string find_similar(std::vector<std::string> const& names, std::string const& word) {
-    auto const nearest = std::min_element(names.begin(), names.end(), [&](auto const& a, auto const& b) {
-        return count_edits(word, a) < count_edits(word, b);
-    });
-    return nearest != names.end() && count_edits(word, *nearest) <= c_close_enough ? *nearest : "";
-}
-
 /// A first word that is no command gets an answer of its own.
 void check_command(CLI::App const& app, std::vector<std::string> const& arguments) {
     auto const is_meant = [&](CLI::App const* command) { return command->check_name(arguments.front()); };
@@ -58,7 +34,7 @@ void check_command(CLI::App const& app, std::vector<std::string> const& argument
         return;
     }
     std::vector<std::string> const names = command_names(app);
-    std::string const similar = find_similar(names, arguments.front());
+    std::string const similar = find_similar(names, arguments.front(), c_close_enough);
     throw failure(exit_code::wrong_usage, similar.empty() ? fmt::format("unknown command \"{}\"; the commands are {}",
                                                                         arguments.front(), fmt::join(names, ", "))
                                                           : fmt::format("unknown command \"{}\"; did you mean \"{}\"?",
@@ -73,6 +49,7 @@ void describe_program(CLI::App& app, action& chosen) {
     add_send_command(app, chosen);
     add_listen_command(app, chosen);
     add_ping_command(app, chosen);
+    add_config_command(app, chosen);
     add_version_command(app, chosen);
     add_demo_node_command(app, chosen);
     app.footer(

@@ -105,8 +105,9 @@ public:
     int const fd;
 };
 
-/// The file's bytes; 0, or errno.
-int read_whole_file(char const* path, std::string& text) {
+} // namespace
+
+int read_ini_text(char const* path, std::string& text) {
     // Without waiting: a pipe of that name must not hold the caller up.
     descriptor const file(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.fd == -1) {
@@ -127,8 +128,6 @@ int read_whole_file(char const* path, std::string& text) {
     return EFBIG;
 }
 
-} // namespace
-
 ini_content parse_ini(std::string_view text) {
     ini_content content;
     std::string section;
@@ -145,7 +144,7 @@ ini_content parse_ini(std::string_view text) {
 
 ini_content read_ini_file(char const* path) {
     std::string text;
-    if (int const error = read_whole_file(path, text); error != 0) {
+    if (int const error = read_ini_text(path, text); error != 0) {
         ini_content failed;
         failed.error = error;
         return failed;

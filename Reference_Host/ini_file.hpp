@@ -36,7 +36,9 @@ struct ini_content {
 };
 
 ini_content parse_ini(std::string_view text);
-/// Files above 1 MiB are refused with EFBIG.
+/// The file's bytes as they stand there; 0, or errno. Files above 1 MiB are refused with EFBIG.
+int read_ini_text(char const* path, std::string& text);
+/// Both together.
 ini_content read_ini_file(char const* path);
 /// The entry that counts, or null.
 ini_entry const* find_entry(ini_content const& content, std::string_view section, std::string_view key);
