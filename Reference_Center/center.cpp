@@ -78,7 +78,7 @@ struct_node_addr source_of(struct_packet const& header) {
 /// Packets out of the inbox, freed whatever happens to them in between.
 class packet_batch {
 public:
-    explicit packet_batch(milliseconds longest) : count(get_center_inbox().take(taken, longest)) {}
+    explicit packet_batch(std::chrono::nanoseconds longest) : count(get_center_inbox().take(taken, longest)) {}
     ~packet_batch() {
         for (struct_token& token : tokens()) {
             token.free();
@@ -174,7 +174,7 @@ void center::stop() {
     Reference_Host::drain_output(c_drain_time);
 }
 
-void center::serve(milliseconds longest) {
+void center::serve(std::chrono::nanoseconds longest) {
     packet_batch batch(longest);
     for (struct_token& token : batch.tokens()) {
         dispatch(token);

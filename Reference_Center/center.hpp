@@ -61,7 +61,7 @@ public:
 
     /// Waits for packets until the time is over, or somebody wakes the inbox, and gives each to the user. Calls that came
     /// over an accepted connection are acknowledged on the way.
-    void serve(std::chrono::milliseconds longest);
+    void serve(std::chrono::nanoseconds longest);
     /// Serves until the condition is true, or the moment has come. The last answer of the condition.
     bool serve_until(std::chrono::steady_clock::time_point deadline, std::function<bool()> const& condition);
 

@@ -13,9 +13,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
-#include <netinet/in.h>
 #include <optional>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -104,24 +102,6 @@ int open_file(demo_options& options) {
 }
 
 // --- where it plays --------------------------------------------------------------------------------------------
-
-/// A port that is free over TCP and UDP on this machine.
-std::uint16_t find_free_port(std::uint16_t not_this) {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        socklen_t length = sizeof address;
-        bool const bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                           ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-        ::close(fd);
-        std::uint16_t const port = ntohs(address.sin_port);
-        if (bound && port != not_this && try_port(port).error == 0) {
-            return port;
-        }
-    }
-    throw failure(exit_code::port_unavailable, "no port is free over both TCP and UDP");
-}
 
 /// Networks when they are wanted and allowed; why not, if not.
 std::unique_ptr<private_networks> make_networks(demo_options const& options, std::string& why_not) {

@@ -70,7 +70,11 @@ private:
         plan.flags = to_flags(link_message::echo);
         plan.code = Reference_Host::get_code(packet.header);
         plan.sequence = Reference_Host::get_sequence(packet.header);
-        own->send(packet.from, Reference_Host::make_packet(plan, Reference_Host::get_data_span(packet.token)));
+        struct_token answer = Reference_Host::make_packet(plan);
+        // The data goes back as it came: a copy would cost more than all the rest of a large packet.
+        answer.set_data(packet.token);
+        answer.get_header_packet()->set_data_size(packet.header.get_data_size());
+        own->send(packet.from, answer);
     }
 
     run_options const& options;

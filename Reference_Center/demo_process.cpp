@@ -75,7 +75,7 @@ node_process::node_process(node_start const& start) {
     channel const in = open_channel();
     channel const out = open_channel();
     channel const err = open_channel();
-    std::vector<std::string> words_of{"zolt-center", "demo-node"};
+    std::vector<std::string> words_of{"zolt-center", start.command};
     words_of.insert(words_of.end(), start.arguments.begin(), start.arguments.end());
     std::vector<char*> arguments;
     for (std::string& word : words_of) {

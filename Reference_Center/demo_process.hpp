@@ -15,9 +15,10 @@ namespace Zolt::Reference_Center {
 /// How a node is started.
 struct node_start {
     std::string name;
-    std::vector<std::string> arguments; ///< behind "demo-node"
+    std::vector<std::string> arguments; ///< behind the command
     int network = -1;                   ///< for setns; -1: the one of this process
     int kept_descriptor = -1;           ///< open in the node under the same number
+    std::string command = "demo-node";
 };
 
 /// Started by the constructor, killed by the destructor, and by the kernel when this process ends.

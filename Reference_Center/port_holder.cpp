@@ -1,5 +1,7 @@
 #include "Reference_Center/port_holder.hpp"
 
+#include "Reference_Center/failure.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -120,6 +122,23 @@ port_trouble try_port(std::uint16_t port) {
         return {error, protocol::udp};
     }
     return {try_bind(SOCK_STREAM, port), protocol::tcp};
+}
+
+std::uint16_t find_free_port(std::uint16_t not_this) {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        socklen_t length = sizeof address;
+        bool const bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                           ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+        ::close(fd);
+        std::uint16_t const port = ntohs(address.sin_port);
+        if (bound && port != not_this && try_port(port).error == 0) {
+            return port;
+        }
+    }
+    throw failure(exit_code::port_unavailable, "no port is free over both TCP and UDP");
 }
 
 std::string describe_holder(std::uint16_t port, protocol over) {

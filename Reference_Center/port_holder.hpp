@@ -18,6 +18,9 @@ struct port_trouble {
 /// Tries to bind the port on all addresses, over UDP first, and gives it back at once.
 port_trouble try_port(std::uint16_t port);
 
+/// A port that is free over both at this moment, and another one than that. Throws failure.
+std::uint16_t find_free_port(std::uint16_t not_this = 0);
+
 /// Who uses the port, for example "pid 812 (python3)", or what keeps it when nobody does. Looks at /proc: processes of
 /// other users stay unnamed without the right.
 std::string describe_holder(std::uint16_t port, protocol over);

@@ -151,7 +151,7 @@ int inbox::offer(struct_token& token) {
     return c_offer_taken;
 }
 
-std::size_t inbox::take(std::span<struct_token> tokens, std::chrono::milliseconds longest) {
+std::size_t inbox::take(std::span<struct_token> tokens, std::chrono::nanoseconds longest) {
     std::uint64_t const wakes_before = state->wakes.load(std::memory_order_acquire);
     auto const is_called_off = [&] {
         return state->stopped.load(std::memory_order_acquire) ||

@@ -46,7 +46,7 @@ public:
 
     /// Waits until there is a packet, the time is over, wake or stop. The number of tokens written, oldest first; after
     /// stop the packets left can still be taken. Any thread, several at once. Owner: the caller, who frees each token.
-    std::size_t take(std::span<struct_token> tokens, std::chrono::milliseconds longest);
+    std::size_t take(std::span<struct_token> tokens, std::chrono::nanoseconds longest);
     /// Makes every take that waits now return; the next one waits again.
     void wake();
 
