@@ -211,12 +211,12 @@ int run_demo(demo_options options) {
 void add_demo_command(CLI::App& app, action& chosen) {
     CLI::App& command = *app.add_subcommand("demo", "Show and check what the relay does, with several nodes");
     auto const options = std::make_shared<demo_options>();
-    command.add_option("--part", options->part, "all, udp or tcp")
+    command.add_option("--part", options->part, "Which part of it")
         ->transform(CLI::CheckedTransformer(std::map<std::string, story_part>{{"all", story_part::all},
                                                                               {"udp", story_part::udp},
                                                                               {"tcp", story_part::tcp}})
                         .description(""))
-        ->type_name("PART")
+        ->type_name("all|udp|tcp")
         ->default_str("all");
     command.add_option("--file", options->file, "Send this file instead of a generated one")->type_name("FILE");
     command.add_option("--udp-size", options->udp_bytes, "Bytes of the generated file that travel over UDP")

@@ -121,7 +121,7 @@ void add_listen_command(CLI::App& app, action& chosen) {
                                                                                  {"hex", packet_format::hex},
                                                                                  {"json", packet_format::json}})
                         .description(""))
-        ->type_name("FORMAT")
+        ->type_name("raw|quoted|hex|json")
         ->default_str("raw");
     command.add_option("--count", options->count, "End after that many packets")->type_name("NUMBER");
     command.add_option("--seconds", options->seconds, "End after that time")

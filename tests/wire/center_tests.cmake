@@ -33,6 +33,7 @@ endfunction()
 
 center_test(center_usage center_usage_test)
 center_test(center_config center_config_test)
+center_test(center_completion center_completion_test)
 center_test(center_rights center_rights_test)
 center_test(center_traffic center_traffic_test)
 center_test(center_demo_with_networks center_demo_test WithNetworks)
