@@ -28,9 +28,10 @@ export_as(relay inet_relay relay)
 export_as(reference_host zolt_reference_host reference_host)
 export_as(reference_host inet_relay_center_libraries center_libraries)
 
-install(FILES Center/INet_Relay/EPoll/inet_relay_epoll.hpp DESTINATION ${installed_headers}/Center/INet_Relay/EPoll)
-install(DIRECTORY Host DESTINATION ${installed_headers} FILES_MATCHING PATTERN *.hpp)
-install(DIRECTORY Reference_Host DESTINATION ${installed_headers} FILES_MATCHING
+install(FILES Center/INet_Relay/EPoll/inet_relay_epoll.hpp DESTINATION ${installed_headers}/Center/INet_Relay/EPoll
+  COMPONENT headers)
+install(DIRECTORY Host DESTINATION ${installed_headers} COMPONENT headers FILES_MATCHING PATTERN *.hpp)
+install(DIRECTORY Reference_Host DESTINATION ${installed_headers} COMPONENT headers FILES_MATCHING
   PATTERN inbox.hpp PATTERN ini_file.hpp PATTERN output_sink.hpp PATTERN packet_building.hpp PATTERN packet_layout.hpp
   PATTERN packet_limits.hpp PATTERN packet_reading.hpp)
 
