@@ -33,6 +33,10 @@ int receive(unsigned short port, char const* path) {
 
 int send_file(struct_node_addr peer, char const* path) {
     std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        std::cerr << "cannot read " << path << '\n';
+        return 1;
+    }
     std::string piece(c_piece, '\0');
     int unanswered = 0;
     auto const send_next = [&] {

@@ -11,7 +11,7 @@ namespace {
 using namespace examples;
 using host::packet_kind;
 
-constexpr std::chrono::seconds c_patience{5};
+constexpr std::chrono::seconds c_patience{2};
 
 int answer(unsigned short port) {
     node here(port);

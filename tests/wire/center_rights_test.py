@@ -8,7 +8,6 @@ import unittest
 import center_support as support
 
 WITHOUT_RIGHTS = ("unshare", "--user", "--map-root-user")
-IN_A_NETWORK = ("unshare", "--user", "--map-root-user", "--net", "sh", "-c", 'ip link set lo up && exec "$0" "$@"')
 
 
 def first_unprivileged_port():
@@ -51,7 +50,7 @@ class Rights(unittest.TestCase):
             "    except BlockingIOError:\n"
             "        break\n"
             "sys.exit(sent.returncode)\n")
-        result = subprocess.run([*IN_A_NETWORK, "python3", "-c", program, support.PROGRAM, "send", "--udp", *arguments],
+        result = subprocess.run([*support.IN_A_NETWORK, "python3", "-c", program, support.PROGRAM, "send", "--udp", *arguments],
                                 input=data, stdout=subprocess.PIPE, timeout=support.DEADLINE, check=False)
         self.assertEqual(result.returncode, 0)
         return [bytes.fromhex(line) for line in result.stdout.decode().split()]
@@ -73,7 +72,7 @@ class Rights(unittest.TestCase):
 
     def test_over_a_network_let_a_failed_datagram_count(self):
         # Nothing leads to that address.
-        result = support.call("send", "--udp", "--to", "10.1.2.3:7000", input=b"lost", wrapper=IN_A_NETWORK)
+        result = support.call("send", "--udp", "--to", "10.1.2.3:7000", input=b"lost", wrapper=support.IN_A_NETWORK)
         lines = result.stderr.decode().splitlines()
         self.assertEqual((result.returncode, lines[-1]), (1, "zolt-center: only 0 of 1 packets left"))
         self.assertTrue(any("failed 1" in line for line in lines), lines)
