@@ -3,6 +3,7 @@
 #ifndef HOST_LOCK_ANNOTATIONS_HPP
 #define HOST_LOCK_ANNOTATIONS_HPP
 
+/// What all of the names below come down to.
 #if defined(__clang__)
 #define HOST_LOCK_ATTRIBUTE(x) __attribute__((x))
 #else

@@ -27,20 +27,21 @@ protected:
 
     friend class class_locker;
     friend class class_unlocker;
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex;     ///< the host's own
     std::atomic<int> core{-1}; ///< the host's own: where its owner ran when it took the lock
 };
 
 /// The lock that the relay embeds in its records and keeps two of as globals. The argument is always 0.
 class class_thread_lock : public class_lock {
 public:
-    explicit class_thread_lock(unsigned int const& kind);
+    explicit class_thread_lock(unsigned int const& kind); ///< held by nobody
     ~class_thread_lock();
 };
 
 /// Holds a lock from construction to destruction. The second argument is always null.
 class HOST_SCOPED_CAPABILITY class_locker {
 public:
+    /// Waits for the lock and takes it, once more when the thread holds it already.
     class_locker(class_lock& lock, unsigned char* unused) HOST_ACQUIRE(lock);
     class_locker(class_lock* lock, unsigned char* unused) HOST_ACQUIRE(lock);
     ~class_locker() HOST_RELEASE();
@@ -55,7 +56,7 @@ private:
 /// The lock analysis cannot express "released in between"; the caller still counts as the holder.
 class class_unlocker {
 public:
-    explicit class_unlocker(class_lock* lock);
+    explicit class_unlocker(class_lock* lock); ///< gives back one of the holds that the thread has
     ~class_unlocker();
     class_unlocker(class_unlocker const&) = delete;
     class_unlocker& operator=(class_unlocker const&) = delete;

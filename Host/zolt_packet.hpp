@@ -39,6 +39,7 @@ struct struct_node_addr {
     friend bool operator<(struct_node_addr const& a, struct_node_addr const& b) {
         return std::tie(a.port, a.ip) < std::tie(b.port, b.ip);
     }
+    /// Equal in every field.
     friend bool operator==(struct_node_addr const&, struct_node_addr const&) = default;
 };
 
@@ -79,6 +80,7 @@ struct struct_packet {
     unsigned int get_dst_ip();     ///< destination address
     unsigned short get_dst_port(); ///< destination port
     unsigned int get_mct_ip();     ///< multicast group, or interface for an information datagram
+    /// Each sets what the getter of that name, or the remote node, reads; the last argument of the last two is a node id.
     void set_mct_ip(unsigned int ip);
     void set_src_ip(unsigned int ip);
     void set_src_port(unsigned short const& port);
@@ -141,11 +143,11 @@ struct struct_token {
     void set_header(struct_token const& other);
     void set_data(struct_token const& other);
 
-    void reset();      ///< forgets both parts and drops no reference
-    void reset_data(); ///< forgets the data part and drops no reference
-    void free();       ///< drops the reference to both parts
-    void free_header();
-    void free_data();
+    void reset();       ///< forgets both parts and drops no reference
+    void reset_data();  ///< forgets the data part and drops no reference
+    void free();        ///< drops the reference to both parts
+    void free_header(); ///< drops the reference to the header part
+    void free_data();   ///< drops the reference to the data part
 
 private:
     struct_token_node* node;
@@ -154,6 +156,7 @@ private:
 /// The block that the two ends of a TCP connection exchange before the first packet. Sent and received as it lies.
 struct struct_tcp_header {
     struct_tcp_header(); ///< ports 0 and the host's default content
+    /// Ports as the node that fills in the block, its sender, sees them.
     void set_port_of_sender(unsigned short port);
     void set_port_of_receiver(unsigned short port);
     unsigned short get_port_of_receiver();

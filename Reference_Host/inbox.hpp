@@ -23,6 +23,7 @@ inline constexpr int c_offer_taken = static_cast<int>(c_zolt_err_none);
 inline constexpr int c_offer_refused = 0x40000007;
 inline constexpr int c_offer_busy = 0x40000008;
 
+/// What has been offered since the start, and what waits.
 struct inbox_counts {
     std::uint64_t taken = 0;   ///< offers taken
     std::uint64_t busy = 0;    ///< offers answered busy
@@ -31,6 +32,7 @@ struct inbox_counts {
     std::uint64_t bytes = 0;   ///< of data waiting now
 };
 
+/// A queue of packets with two marks above which it is busy.
 class inbox {
 public:
     /// Throws std::bad_alloc.

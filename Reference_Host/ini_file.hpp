@@ -16,25 +16,28 @@
 
 namespace Zolt::Reference_Host {
 
+/// One line that gives a key a value.
 struct ini_entry {
-    std::string section;
-    std::string key;
-    std::string value; ///< letter case as in the file
-    int line = 0;      ///< from 1
+    std::string section; ///< letter case as in the file
+    std::string key;     ///< letter case as in the file
+    std::string value;   ///< letter case as in the file
+    int line = 0;        ///< from 1
 };
 
 /// A line that means nothing; reading goes on behind it.
 struct ini_fault {
-    int line = 0;
-    std::string reason;
+    int line = 0;       ///< from 1
+    std::string reason; ///< one sentence without an end of line
 };
 
+/// What was read.
 struct ini_content {
     std::vector<ini_entry> entries; ///< in the file's order, duplicates included
-    std::vector<ini_fault> faults;
-    int error = 0; ///< errno of the file that could not be read; then there are no entries
+    std::vector<ini_fault> faults;  ///< in the file's order
+    int error = 0;                  ///< errno of the file that could not be read; then there are no entries
 };
 
+/// Reads a text that is in memory.
 ini_content parse_ini(std::string_view text);
 /// The file's bytes as they stand there; 0, or errno. Files above 1 MiB are refused with EFBIG.
 int read_ini_text(char const* path, std::string& text);

@@ -13,6 +13,7 @@
 
 namespace Zolt::Reference_Host {
 
+/// Which operation a line comes from.
 enum class line_kind : unsigned char {
     error,    ///< print_error with a message
     position, ///< print_error with a source position
@@ -23,9 +24,9 @@ enum class line_kind : unsigned char {
 
 /// One line, without the end of line.
 struct output_line {
-    line_kind kind;
-    char letter; ///< a trace's letter, otherwise 0
-    std::string_view text;
+    line_kind kind;        ///< what printed it
+    char letter;           ///< a trace's letter, otherwise 0
+    std::string_view text; ///< valid until the target returns
 };
 
 /// Receives each line in the order of printing. Thread: the writing one only.

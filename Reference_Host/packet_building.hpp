@@ -13,12 +13,12 @@ namespace Zolt::Reference_Host {
 
 /// What a Center says about a packet; everything has a use as it stands.
 struct packet_plan {
-    packet_kind kind = packet_kind::data;
-    packet_end source;
-    packet_end destination;
-    std::uint16_t flags = 0;
-    std::uint32_t code = 0;
-    std::uint64_t sequence = 0;
+    packet_kind kind = packet_kind::data; ///< what it is
+    packet_end source;                    ///< over TCP the relay fills in the port
+    packet_end destination;               ///< over TCP the connection decides; a datagram needs address and port
+    std::uint16_t flags = 0;              ///< see c_flag_broadcast and what follows it
+    std::uint32_t code = 0;               ///< the application's own number
+    std::uint64_t sequence = 0;           ///< the sender's running number
     double timeout = std::numeric_limits<double>::max(); ///< seconds
     std::uint32_t multicast_interface = 0;               ///< information datagrams leave by it; network byte order
 };

@@ -38,8 +38,8 @@ enum class connection_event : std::uint8_t {
 
 /// One value of an enumeration that travels.
 struct value_row {
-    std::string_view name;
-    std::string_view meaning;
+    std::string_view name;    ///< as in docs/wire-format.md
+    std::string_view meaning; ///< as in docs/wire-format.md
 };
 
 /// One row a kind, indexed by its number.
@@ -71,6 +71,7 @@ constexpr std::string_view name_of(packet_kind kind) {
     return number < c_packet_kinds.size() ? c_packet_kinds[number].name : "unknown";
 }
 
+/// The same for events.
 constexpr std::string_view name_of(connection_event event) {
     auto const number = static_cast<std::size_t>(event);
     return number < c_connection_events.size() ? c_connection_events[number].name : "unknown";
@@ -99,11 +100,12 @@ enum class header_field : unsigned {
     elapsed,
 };
 
+/// Where a field lies.
 struct header_field_row {
-    std::string_view name;
-    unsigned int offset; ///< bytes from the first header byte
-    unsigned int size;   ///< bytes
-    std::string_view meaning;
+    std::string_view name;    ///< as in docs/wire-format.md
+    unsigned int offset;      ///< bytes from the first header byte
+    unsigned int size;        ///< bytes
+    std::string_view meaning; ///< as in docs/wire-format.md
 };
 
 /// One row a field, indexed by header_field. All numbers have their most significant byte first.
@@ -141,6 +143,7 @@ inline constexpr std::uint16_t c_flag_multicast = 0x0002;
 /// Flags that the host leaves to the application.
 inline constexpr std::uint16_t c_flags_application = 0xFF00;
 
+/// The row of a field.
 constexpr header_field_row const& row_of(header_field field) {
     return c_header_fields[static_cast<unsigned int>(field)];
 }
@@ -165,6 +168,7 @@ using unsigned_of = std::conditional_t<
     Size == 1, std::uint8_t,
     std::conditional_t<Size == 2, std::uint16_t, std::conditional_t<Size == 4, std::uint32_t, std::uint64_t>>>;
 
+/// The unsigned integer that holds that field.
 template <header_field Field>
 using value_of = unsigned_of<row_of(Field).size>;
 
@@ -190,6 +194,7 @@ value_of<Field> load_raw(unsigned char const* header) {
     return value;
 }
 
+/// Writes the field's bytes as they lie.
 template <header_field Field>
 void store_raw(unsigned char* header, value_of<Field> value) {
     std::memcpy(header + row_of(Field).offset, &value, sizeof value);
@@ -201,6 +206,7 @@ value_of<Field> load(unsigned char const* header) {
     return swap_to_network(load_raw<Field>(header));
 }
 
+/// Writes a number in host order into the field.
 template <header_field Field>
 void store(unsigned char* header, value_of<Field> value) {
     store_raw<Field>(header, swap_to_network(value));

@@ -22,6 +22,7 @@ struct packet_end {
     std::uint16_t port = 0; ///< host byte order
     std::uint16_t id = 0;   ///< node id
 
+    /// Equal in every field.
     friend bool operator==(packet_end const&, packet_end const&) = default;
 };
 
@@ -34,6 +35,7 @@ connection_event get_event(struct_packet const& packet);
 /// The kind that an error reply had before it came back; any other packet's own kind.
 packet_kind get_returned_kind(struct_packet const& packet);
 
+/// The two ends; of a packet that arrived as the top of this file says.
 packet_end get_source(struct_packet const& packet);
 packet_end get_destination(struct_packet const& packet);
 /// What stands in the header as it travelled: a peer may have written anything there.
@@ -42,6 +44,7 @@ packet_end get_destination_as_sent(struct_packet const& packet);
 /// The address given to initialize_packet; it does not travel.
 std::uint32_t get_local_ip(struct_packet const& packet);
 
+/// Fields that travel as their names say; see docs/wire-format.md.
 std::uint16_t get_flags(struct_packet const& packet);
 void set_flags(struct_packet& packet, std::uint16_t flags);
 std::uint32_t get_code(struct_packet const& packet);
@@ -67,8 +70,10 @@ struct token_counts {
     unsigned int header_nodes = 0;   ///< tokens that share the header part
     unsigned int data_nodes = 0;     ///< tokens that share the data part
 
+    /// Equal in every field.
     friend bool operator==(token_counts const&, token_counts const&) = default;
 };
+/// The counts behind that token now.
 token_counts count_references(struct_token const& token);
 
 } // namespace Zolt::Reference_Host
