@@ -261,7 +261,9 @@ void reset_relay_globals() {
     EPoll::g_accepted_exchanging = {};
     EPoll::g_accepted_ending = {};
     EPoll::g_accepted_unfiled = {};
-    EPoll::g_arrivals = nullptr;
+    while (EPoll::g_arrivals != nullptr) {
+        EPoll::forget_arrivals(EPoll::g_arrivals->record);
+    }
     EPoll::heartbeat_token.reset();
     EPoll::heartbeat_pkt = nullptr;
     for (int* const instance : {&EPoll::epoll_tcp_init, &EPoll::epoll_tcp_recv, &EPoll::epoll_tcp_send,

@@ -76,7 +76,7 @@ protected:
     tcp_record* begun(std::string const& name, std::uint16_t port = c_port) {
         tcp_record* const rec = paired(name, EPoll::c_kind_accepted, port);
         rec->recv_remain = c_block_size;
-        rec->reap_clock = Tesk::OS::lemon_clock();
+        rec->reap_clock = static_cast<std::uint32_t>(Tesk::OS::lemon_clock());
         EPoll::g_accepted_exchanging.link(rec);
         watch(rec, EPoll::epoll_tcp_recv);
         forget_calls();

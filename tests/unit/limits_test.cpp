@@ -81,11 +81,11 @@ protected:
 
     /// An accept failed, and the next tick will see to it.
     static bool is_look_due() {
-        auto* record = EPoll::g_arrivals;
-        while (record->kind != EPoll::c_kind_listen) {
-            record = record->next_arrival;
+        auto const* arrivals = EPoll::g_arrivals;
+        while (arrivals->record->kind != EPoll::c_kind_listen) {
+            arrivals = arrivals->next;
         }
-        return record->look_again.load() != 0;
+        return arrivals->look_again.load() != 0;
     }
 
     bool comes_to_wait(std::size_t count) const {

@@ -431,9 +431,30 @@ protected:
 
 TEST_F(reaping, cuts_an_accepted_connection_that_does_not_finish_its_exchange) {
     tcp_record* const rec = accepted_from("rec", c_port, EPoll::c_kind_accepted);
-    rec->reap_clock = c_now;
+    rec->reap_clock = static_cast<std::uint32_t>(c_now);
     EPoll::g_accepted_exchanging.link(rec);
     expect_cut_after_time_out(EPoll::timer_shutdown_server, "rec.fd");
+}
+
+TEST_F(reaping, leaves_alone_what_was_accepted_after_the_tick_read_its_clock) {
+    tcp_record* const rec = accepted_from("rec", c_port, EPoll::c_kind_accepted);
+    rec->reap_clock = static_cast<std::uint32_t>(c_now + 1);
+    EPoll::g_accepted_exchanging.link(rec);
+    forget_calls();
+    EPoll::timer_shutdown_server(c_now);
+    EXPECT_EQ(system.count("shutdown"), 0u);
+}
+
+TEST_F(reaping, counts_on_when_the_low_bits_of_the_clock_begin_again) {
+    constexpr std::uint64_t c_accepted_at = (std::uint64_t{7} << 32) - 100;
+    tcp_record* const rec = accepted_from("rec", c_port, EPoll::c_kind_accepted);
+    rec->reap_clock = static_cast<std::uint32_t>(c_accepted_at);
+    EPoll::g_accepted_exchanging.link(rec);
+    forget_calls();
+    EPoll::timer_shutdown_server(c_accepted_at + c_timeout);
+    EXPECT_EQ(system.count("shutdown"), 0u);
+    EPoll::timer_shutdown_server(c_accepted_at + c_timeout + 1);
+    EXPECT_EQ(system.count("shutdown"), 1u);
 }
 
 TEST_F(reaping, cuts_an_accepted_connection_whose_end_is_left_to_the_send_thread) {
@@ -453,7 +474,7 @@ TEST_F(reaping, cuts_an_outgoing_connection_whose_end_is_left_to_the_send_thread
 
 TEST_F(reaping, leaves_a_record_without_a_socket_alone) {
     tcp_record* const exchanging = accepted_from("exchanging", c_port, EPoll::c_kind_accepted);
-    exchanging->reap_clock = c_now;
+    exchanging->reap_clock = static_cast<std::uint32_t>(c_now);
     EPoll::g_accepted_exchanging.link(exchanging);
     tcp_record* const ending = established("ending");
     ending->send_armed = true;

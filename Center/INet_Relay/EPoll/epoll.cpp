@@ -6,6 +6,7 @@
 #include "Host/tesk_inet.hpp"
 #include "Host/tesk_os.hpp"
 
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -38,7 +39,7 @@ constinit live_list g_outgoing;
 constinit ending_list g_outgoing_ending;
 int g_outgoing_shadowed = 0;
 constinit live_list g_accepted_exchanging;
-struct_epoll_overlapped* g_arrivals = nullptr;
+struct_arrivals* g_arrivals = nullptr;
 constinit live_list g_accepted_unfiled;
 constinit ending_list g_accepted_ending;
 
@@ -87,18 +88,21 @@ void shut_down_silent(struct_tcp_side const& side, struct_epoll_overlapped_tcp* 
     }
     ::shutdown(rec->fd, SHUT_RDWR);
     // A receive registration that has fired and was never armed again reports nothing by itself (decision 36).
-    if (rec->shut_by_timer) {
-        rec->armed_by_timer = true;
-        arm(rec, epoll_tcp_recv, EPOLL_CTL_MOD, c_recv_mask);
+    if (rec->silence == timer_silence::none) {
+        rec->silence = timer_silence::shut_down;
+        return;
     }
-    rec->shut_by_timer = true;
+    rec->silence = timer_silence::armed;
+    arm(rec, epoll_tcp_recv, EPOLL_CTL_MOD, c_recv_mask);
 }
 
 /// Cuts what stands longer than the time-out in a list of those that should be gone.
 template <typename List>
 void cut_overdue(List const& list, std::uint64_t now) {
     for (auto* rec = list.first; rec != nullptr; rec = List::after(rec)) {
-        if (rec->fd != -1 && is_overdue(rec->reap_clock, now)) {
+        // Modulo 2 to the 32nd, for no record stands here for weeks; one that came after now was read stands less than 0.
+        auto const stands = static_cast<std::int32_t>(static_cast<std::uint32_t>(now) - rec->reap_clock);
+        if (rec->fd != -1 && stands > static_cast<std::int32_t>(c_connection_timeout)) {
             ::shutdown(rec->fd, SHUT_RDWR);
         }
     }
@@ -128,16 +132,41 @@ void drain_acknowledgements(struct_epoll_overlapped_tcp* rec, std::vector<struct
 } // namespace
 
 void expect_arrivals(struct_epoll_overlapped* record) {
-    record->next_arrival = g_arrivals;
-    g_arrivals = record;
+    g_arrivals = new struct_arrivals{record, g_arrivals};
 }
 
 void forget_arrivals(struct_epoll_overlapped* record) {
-    for (struct_epoll_overlapped** place = &g_arrivals; *place != nullptr; place = &(*place)->next_arrival) {
-        if (*place == record) {
-            *place = record->next_arrival;
+    for (struct_arrivals** place = &g_arrivals; *place != nullptr; place = &(*place)->next) {
+        if ((*place)->record == record) {
+            std::unique_ptr<struct_arrivals> const taken(*place);
+            *place = taken->next;
             return;
         }
+    }
+}
+
+namespace {
+
+struct_arrivals* find_arrivals(struct_epoll_overlapped const* record) {
+    auto* arrivals = g_arrivals;
+    while (arrivals != nullptr && arrivals->record != record) {
+        arrivals = arrivals->next;
+    }
+    return arrivals;
+}
+
+} // namespace
+
+void note_kept_arrival(struct_epoll_overlapped const* record) {
+    if (auto* const arrivals = find_arrivals(record); arrivals != nullptr) {
+        arrivals->look_again.store(c_arrival_mask, std::memory_order_relaxed);
+    }
+}
+
+void note_dropped_arrival(struct_epoll_overlapped const* record) {
+    if (auto* const arrivals = find_arrivals(record); arrivals != nullptr) {
+        std::uint32_t none = 0;
+        arrivals->look_again.compare_exchange_strong(none, c_drain_mask, std::memory_order_relaxed);
     }
 }
 
@@ -230,8 +259,9 @@ void timer_reconnect_client() {
 }
 
 void timer_look_again() {
-    for (auto* record = g_arrivals; record != nullptr; record = record->next_arrival) {
-        if (std::uint32_t const mask = record->look_again.exchange(0, std::memory_order_relaxed); mask != 0) {
+    for (auto* arrivals = g_arrivals; arrivals != nullptr; arrivals = arrivals->next) {
+        if (std::uint32_t const mask = arrivals->look_again.exchange(0, std::memory_order_relaxed); mask != 0) {
+            auto* const record = arrivals->record;
             arm(record, record->kind == c_kind_listen ? epoll_tcp_init : epoll_udp_recv, EPOLL_CTL_MOD, mask);
         }
     }

@@ -7,6 +7,7 @@
 #include "Host/tesk_os.hpp"
 #include "Host/zolt_packet.hpp"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 
@@ -100,14 +101,26 @@ extern live_list g_outgoing HOST_GUARDED_BY(g_client_lock);          ///< every 
 extern ending_list g_outgoing_ending HOST_GUARDED_BY(g_client_lock); ///< doomed, or withdrawn while established
 extern int g_outgoing_shadowed HOST_GUARDED_BY(g_client_lock);       ///< how many outgoing records are shadowed
 extern live_list g_accepted_exchanging HOST_GUARDED_BY(g_establish_server_map_lock); ///< accepted, not yet established
-extern struct_epoll_overlapped* g_arrivals; ///< listening and UDP sockets; changed by add_server and finalize only
-extern live_list g_accepted_unfiled HOST_GUARDED_BY(g_establish_server_map_lock);  ///< established, place taken
-extern ending_list g_accepted_ending HOST_GUARDED_BY(g_establish_server_map_lock); ///< doomed
+extern live_list g_accepted_unfiled HOST_GUARDED_BY(g_establish_server_map_lock);    ///< established, place taken
+extern ending_list g_accepted_ending HOST_GUARDED_BY(g_establish_server_map_lock);   ///< doomed
 
-/// Puts the record of a listening or UDP socket among those that the timer looks at again, or takes it out.
-/// Thread: add_server's and finalize's, while no thread of the relay runs.
+/// A listening or UDP socket, which reports arrivals by edges: an arrival that failed would else never be seen again.
+struct struct_arrivals {
+    struct_epoll_overlapped* record;
+    struct_arrivals* next;
+    std::atomic<std::uint32_t> look_again{0}; ///< mask by which the timer is to arm it; 0: not at all
+};
+extern struct_arrivals* g_arrivals; ///< changed by add_server and finalize only, while no thread of the relay runs
+
+/// Puts a socket's record among those that the timer looks at again, or takes it out; harmless when it is not there.
+/// Thread: add_server's and finalize's. The first throws std::bad_alloc.
 void expect_arrivals(struct_epoll_overlapped* record);
 void forget_arrivals(struct_epoll_overlapped* record);
+
+/// What failed is still at the front of the socket's queue: the timer looks once. Thread: the one that has the event.
+void note_kept_arrival(struct_epoll_overlapped const* record);
+/// What failed is gone, and more may wait behind it: the timer has the queue gone through until one is taken.
+void note_dropped_arrival(struct_epoll_overlapped const* record);
 
 // --- instances and configuration: written before the threads start or after they are joined ----------------------
 

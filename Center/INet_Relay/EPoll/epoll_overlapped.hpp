@@ -6,7 +6,7 @@
 //   registry or list. Tokens may leave such a hold, records never.
 //
 //   field                                       guarded by
-//   fd, phase, shadowed, armed_by_timer,
+//   fd, phase, cancelled, shadowed, silence,
 //   reap_clock, the hooks                       the registry lock of the record's side
 //   send_*, sending*, doomed                    send_lock (send_remain of an accepted exchange: the baton)
 //   close_requested                             written under g_client_lock and send_lock, read under either
@@ -47,12 +47,10 @@ struct struct_epoll_overlapped {
     /// Orders what one thread wrote before it armed the record with what the next one reads after its event: the kernel
     /// hands the record over, but neither the language nor a race detector knows that.
     std::atomic<std::uint16_t> baton{0};
-
-    // Of a socket that reports arrivals by edges: the next such record, and how the timer is to arm it after an arrival
-    // that failed; 0: not at all.
-    struct_epoll_overlapped* next_arrival = nullptr;
-    std::atomic<std::uint32_t> look_again{0};
 };
+
+// A node keeps thousands of records at rest, so what decides over them stands where there is room: in the rest of a lock's
+// last word and in gaps between the fields.
 
 /// Record of one bound UDP port.
 struct struct_epoll_overlapped_ex : struct_epoll_overlapped {
@@ -60,7 +58,7 @@ struct struct_epoll_overlapped_ex : struct_epoll_overlapped {
 
     struct_token recv_token;                                    ///< the packet being received into
     std::deque<struct_token> send_q HOST_GUARDED_BY(send_lock); ///< the front one is being sent
-    Tesk::OS::class_thread_lock send_lock{0};
+    [[no_unique_address]] Tesk::OS::class_thread_lock send_lock{0};
     bool sending HOST_GUARDED_BY(send_lock) = false;              ///< a write is under way and armed
     std::uint64_t recv_clock = 0;                                 ///< lemon_clock of the last successful read
     unsigned char* recv_ptr = nullptr;                            ///< where the next bytes go
@@ -81,27 +79,34 @@ struct struct_record_hook {
 /// The registry in which an outgoing record belongs.
 enum class outgoing_phase : unsigned char { none, connecting, established, waiting };
 
+/// What the timer has done about a peer that is silent.
+enum class timer_silence : unsigned char {
+    none,
+    shut_down, ///< the socket, on an earlier tick
+    armed,     ///< and it may have given the receive thread an event more than that one armed itself
+};
+
 /// Record of one TCP connection, accepted or outgoing.
 struct struct_epoll_overlapped_tcp : struct_epoll_overlapped_ex {
-    std::uint32_t remote_ip = 0;                              ///< network order
-    std::uint16_t remote_port = 0;                            ///< host order
-    std::uint16_t gate_port = 0;                              ///< the port by which the peer knows this node
-    struct_tcp_header server_init_header;                     ///< block that the accepting side sends
-    struct_tcp_header client_init_header;                     ///< block that the connecting side sends
-    bool sending_header HOST_GUARDED_BY(send_lock) = false;   ///< the current piece is a header, not data
-    bool close_requested = false;                             ///< the Center has withdrawn the destination
-    std::deque<struct_token> ack_q HOST_GUARDED_BY(ack_lock); ///< sent, waiting for an acknowledgement
-    Tesk::OS::class_thread_lock ack_lock{0};
+    std::uint32_t remote_ip = 0;                            ///< network order
+    std::uint16_t remote_port = 0;                          ///< host order
+    std::uint16_t gate_port = 0;                            ///< the port by which the peer knows this node
+    struct_tcp_header server_init_header;                   ///< block that the accepting side sends
+    struct_tcp_header client_init_header;                   ///< block that the connecting side sends
+    bool sending_header HOST_GUARDED_BY(send_lock) = false; ///< the current piece is a header, not data
+    bool close_requested = false;                           ///< the Center has withdrawn the destination
 
     // What decides who destroys the record, and when.
     bool send_armed HOST_GUARDED_BY(send_lock) = false; ///< an event for the send thread is due or on its way
     bool doomed HOST_GUARDED_BY(send_lock) = false;     ///< the receive thread is done; the send thread destroys
-    bool shut_by_timer = false;                         ///< timer only: silent, and shut down on an earlier tick
-    bool armed_by_timer = false; ///< the timer may have given the receive thread an event more than it armed itself
+    timer_silence silence = timer_silence::none;
+    outgoing_phase phase = outgoing_phase::none;
     bool cancelled = false; ///< timer, and request_connect under its lock: the connect was shut down on an earlier tick
     bool shadowed = false;  ///< another record of the same destination holds this one's place in the registry
-    outgoing_phase phase = outgoing_phase::none;
-    std::uint64_t reap_clock = 0; ///< lemon_clock at which the record was accepted, doomed or withdrawn
+
+    std::deque<struct_token> ack_q HOST_GUARDED_BY(ack_lock); ///< sent, waiting for an acknowledgement
+    [[no_unique_address]] Tesk::OS::class_thread_lock ack_lock{0};
+    std::uint32_t reap_clock = 0; ///< low bits of lemon_clock when the record was accepted, doomed or withdrawn
     struct_record_hook listed;    ///< outgoing: all that live; accepted: those in their exchange, or unfiled
     struct_record_hook ending;    ///< those that must be gone within the time-out
 };

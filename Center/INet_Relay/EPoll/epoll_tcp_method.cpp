@@ -204,12 +204,12 @@ bool unfile_outgoing(struct_epoll_overlapped_tcp* rec) {
 }
 
 void begin_ending(ending_list& list, struct_epoll_overlapped_tcp* rec) {
-    rec->reap_clock = Tesk::OS::lemon_clock();
+    rec->reap_clock = static_cast<std::uint32_t>(Tesk::OS::lemon_clock());
     list.link(rec);
 }
 
 void take_back_timers_event(struct_epoll_overlapped_tcp* rec) {
-    if (rec->armed_by_timer) {
+    if (rec->silence == timer_silence::armed) {
         ::epoll_event event{};
         ::epoll_ctl(epoll_tcp_recv, EPOLL_CTL_DEL, rec->fd, &event);
     }

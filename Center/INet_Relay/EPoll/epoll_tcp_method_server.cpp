@@ -130,7 +130,7 @@ struct_epoll_overlapped_tcp* new_accepted(int fd, struct_epoll_overlapped const&
     rec->local_port = listening.local_port;
     rec->remote_ip = peer.sin_addr.s_addr;
     rec->remote_port = ntohs(peer.sin_port);
-    rec->reap_clock = Tesk::OS::lemon_clock();
+    rec->reap_clock = static_cast<std::uint32_t>(Tesk::OS::lemon_clock());
     Tesk::OS::class_locker const guard(&g_establish_server_map_lock, nullptr);
     g_accepted_exchanging.link(rec);
     return rec;
@@ -144,7 +144,7 @@ int accept(struct_epoll_overlapped* listening) {
     int const fd = ::accept(listening->fd, reinterpret_cast<::sockaddr*>(&peer), &length);
     if (fd == -1) {
         Tesk::Utility::print_error("소켓 엑셉트 실패");
-        listening->look_again.store(c_arrival_mask, std::memory_order_relaxed);
+        note_kept_arrival(listening);
         return -1;
     }
     keep_from_children(fd);
@@ -155,7 +155,7 @@ int accept(struct_epoll_overlapped* listening) {
         rec = new_accepted(fd, *listening, peer);
     } catch (...) {
         ::close(fd);
-        listening->look_again.store(c_arrival_mask, std::memory_order_relaxed);
+        note_kept_arrival(listening);
         throw;
     }
     set_server_option(rec);

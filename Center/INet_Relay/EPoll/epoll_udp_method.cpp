@@ -62,8 +62,13 @@ struct_epoll_overlapped_ex* make_record(int fd, unsigned short port) {
     fresh->fd = fd;
     fresh->kind = c_kind_udp;
     fresh->local_port = port;
-    file(fresh.get());
     expect_arrivals(fresh.get());
+    try {
+        file(fresh.get());
+    } catch (...) {
+        forget_arrivals(fresh.get());
+        throw;
+    }
     return fresh.release();
 }
 
@@ -121,17 +126,6 @@ void discard(struct_epoll_overlapped_ex* rec) {
     read_at_cursor(rec, 0, sender);
 }
 
-/// What failed is still at the front of the queue: the timer looks once.
-void note_kept(struct_epoll_overlapped_ex* rec) {
-    rec->look_again.store(c_arrival_mask, std::memory_order_relaxed);
-}
-
-/// What failed is gone, and more may wait behind it: the timer has the queue gone through until a packet is taken.
-void note_dropped(struct_epoll_overlapped_ex* rec) {
-    std::uint32_t none = 0;
-    rec->look_again.compare_exchange_strong(none, c_drain_mask, std::memory_order_relaxed);
-}
-
 // Deliberate: the text speaks of sending.
 constexpr char const* c_text_no_bytes = "send_size!= sent_size";
 constexpr char const* c_text_wrong_length = "recd_len!= recv_len";
@@ -143,7 +137,7 @@ void peek_header(struct_epoll_overlapped_ex* rec, struct_packet& header) {
     ::sockaddr_in sender{};
     ssize_t const got = read_at_cursor(rec, MSG_PEEK, sender);
     if (got < 0) {
-        note_kept(rec);
+        note_kept_arrival(rec);
         throw std::string(c_text_no_bytes);
     }
     if (got == 0) {
@@ -171,7 +165,7 @@ void read_datagram(struct_epoll_overlapped_ex* rec, struct_packet& header) {
     // (decision 16).
     ssize_t const got = read_at_cursor(rec, MSG_TRUNC, sender);
     if (got <= 0) {
-        note_kept(rec);
+        note_kept_arrival(rec);
         throw std::string(c_text_no_bytes);
     }
     if (static_cast<unsigned long>(got) != rec->recv_remain) {
@@ -263,7 +257,7 @@ int recv_udp(struct_epoll_overlapped_ex* rec) {
         peek_header(rec, *header);
         if (header->get_data_size() != 0 && !prepare_data(rec, *header)) {
             discard(rec);
-            note_dropped(rec);
+            note_dropped_arrival(rec);
             return 0;
         }
         read_datagram(rec, *header);
@@ -271,7 +265,7 @@ int recv_udp(struct_epoll_overlapped_ex* rec) {
         Tesk::Utility::print_error(text.c_str());
         // The next packet must not carry this one's data (decision 17).
         rec->recv_token.free_data();
-        note_dropped(rec);
+        note_dropped_arrival(rec);
         return -1;
     }
     send_center_from_udp(rec->recv_token, header);
