@@ -112,13 +112,22 @@ def dissect(capture, *options, longest=0xFFFF):
         return dissect_file(file.name, *options)
 
 
-def dissect_file(path, *options):
-    output = read_capture(path, "-T", "json", "--no-duplicate-keys", "-J", "zolt", *options)
-    frames = []
-    for frame in json.loads(output):
-        shown = frame["_source"]["layers"].get("zolt", [])
-        frames.append([Piece(tree) for tree in (shown if isinstance(shown, list) else [shown])])
-    return frames
+class Frame(list):
+    """The pieces in one packet of the capture, with the fields of its TCP or UDP header where those were asked for."""
+
+    def __init__(self, layers):
+        shown = layers.get("zolt", [])
+        super().__init__(Piece(tree) for tree in (shown if isinstance(shown, list) else [shown]))
+        self.transport = dict(flatten(layers.get("tcp") or layers.get("udp") or {}))
+
+    def ports(self):
+        protocol = "tcp" if "tcp.srcport" in self.transport else "udp"
+        return tuple(int(self.transport[f"{protocol}.{side}port"]) for side in ("src", "dst"))
+
+
+def dissect_file(path, *options, layers="zolt"):
+    output = read_capture(path, "-T", "json", "--no-duplicate-keys", "-J", layers, *options)
+    return [Frame(frame["_source"]["layers"]) for frame in json.loads(output)]
 
 
 def list_lines(capture, *options):
