@@ -144,13 +144,17 @@ public:
     void add(MHD_Connection* connection) { list.push_back({connection, steady_clock::now() + c_connection_time}); }
     void remove(MHD_Connection const* connection) {
         std::erase_if(list, [&](entry const& one) { return one.connection == connection; });
+        has_room = true;
     }
 
-    /// Shuts down who had his time, and the oldest when all places are taken. The server closes it when it notices.
+    /// True once after a connection has gone. The library that had stopped accepting looks at that only when it runs again.
+    bool take_room() { return std::exchange(has_room, false); }
+
+    /// Shuts down who had his time, and the oldest when all places are taken. The library closes them when it notices.
     void cut() const {
         auto const now = steady_clock::now();
         for (std::size_t i = 0; i < list.size(); ++i) {
-            bool const is_in_the_way = i == 0 && list.size() >= c_most_connections;
+            bool const is_in_the_way = list.size() - i >= c_most_connections;
             if (!is_in_the_way && now < list[i].deadline) {
                 return;
             }
@@ -173,6 +177,7 @@ private:
         steady_clock::time_point deadline;
     };
     std::vector<entry> list;
+    bool has_room = false;
 };
 
 } // namespace
@@ -185,7 +190,9 @@ public:
           listener(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket"),
           end(::eventfd(0, EFD_CLOEXEC), "eventfd"), where(open(wanted)),
           is_loopback((ntohl(where.ip) >> IN_CLASSA_NSHIFT) == IN_LOOPBACKNET), daemon(start_daemon()),
-          thread(start_without_signals([this] { run(); })) {}
+          thread(start_without_signals([this] { run(); })) {
+        ::pthread_setname_np(thread.native_handle(), "admin");
+    }
 
     ~engine() {
         std::uint64_t const one = 1;
@@ -219,7 +226,6 @@ private:
     }
 
     void run() {
-        ::pthread_setname_np(::pthread_self(), "admin");
         std::array<pollfd, 2> waited{
             {{end.get(), POLLIN, 0}, {MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd, POLLIN, 0}}};
         while (waited[0].revents == 0) {
@@ -230,9 +236,9 @@ private:
     }
 
     /// Milliseconds for poll.
-    int patience() const {
+    int patience() {
         MHD_UNSIGNED_LONG_LONG library = 0;
-        if (MHD_get_timeout(daemon, &library) == MHD_YES && library == 0) {
+        if (connections.take_room() || (MHD_get_timeout(daemon, &library) == MHD_YES && library == 0)) {
             return 0;
         }
         auto const ours = connections.patience();

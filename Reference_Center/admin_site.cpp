@@ -3,6 +3,7 @@
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/diagnostics.hpp"
 #include "Reference_Center/failure.hpp"
+#include "Reference_Center/node_metrics.hpp"
 #include "Reference_Center/node_report_json.hpp"
 #include "Reference_Center/page_files.hpp"
 
@@ -58,6 +59,10 @@ http_answer answer_readiness(node_account const& account) {
     return answer_word(account.take_status().ready, "not ready");
 }
 
+http_answer answer_metrics(node_account const& account) {
+    return {MHD_HTTP_OK, c_metrics_type, metrics_text(account.take_status(), account.take_peers())};
+}
+
 struct route {
     std::string_view path;
     http_answer (*answer)(node_account const&);
@@ -67,6 +72,7 @@ constexpr route c_routes[] = {
     {"/", [](node_account const&) { return answer_file(c_front_page); }},
     {"/healthz", answer_health},
     {"/readyz", answer_readiness},
+    {"/metrics", answer_metrics},
     {"/api/v1/status", [](node_account const& account) { return answer_object(status_json(account.take_status())); }},
     {"/api/v1/peers", [](node_account const& account) { return answer_object(peers_json(account.take_peers())); }},
     {"/api/v1/closed", [](node_account const& account) { return answer_object(closed_json(account.take_closed())); }},

@@ -1,4 +1,4 @@
-# Writes a C++ table of files: cmake -DFILES="A B" -DOUTPUT=FILE -P embed_files.cmake. Read Reference_Center/page_files.hpp.
+# Writes a C++ table of files: cmake -DFILES="A;B" -DOUTPUT=FILE -P embed_files.cmake. Read Reference_Center/page_files.hpp.
 
 set(type_html "text/html; charset=utf-8")
 set(type_css "text/css; charset=utf-8")
@@ -6,7 +6,6 @@ set(type_js "text/javascript; charset=utf-8")
 set(type_svg "image/svg+xml")
 set(type_txt "text/plain; charset=utf-8")
 
-separate_arguments(FILES)
 set(arrays "")
 set(rows "")
 set(number 0)

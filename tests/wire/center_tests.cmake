@@ -47,3 +47,6 @@ center_test(hostile_stream_accepted hostile_stream_test Accepted Stopping)
 center_test(hostile_stream_outgoing hostile_stream_test Outgoing)
 center_test(hostile_datagram hostile_datagram_test)
 center_test(hostile_silence hostile_silence_test)
+
+# What a running Center tells of itself.
+center_test(admin admin_test)

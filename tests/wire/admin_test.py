@@ -1,0 +1,234 @@
+"""The admin endpoint of a running Center: what it answers, whom it refuses, and that nobody can hold it up."""
+
+import contextlib
+import json
+import shutil
+import socket
+import subprocess
+import time
+import unittest
+from pathlib import Path
+
+import admin_support
+import center_support as support
+
+ROOT = Path(__file__).resolve().parents[2]
+PATHS = ["/", "/healthz", "/readyz", "/metrics", "/api/v1/status", "/api/v1/peers", "/api/v1/closed"]
+OBJECTS = ["status", "peers", "closed"]
+DEFAULT = "127.0.0.1:7979"
+ALL_SIGNALS = "fffffffe7ffbfeff"  # what a program can block: not KILL, not STOP, not the C library's two
+ANSWER_TIME = 5
+
+
+def table_rows(path, columns):
+    """The rows of a document's tables that have that many columns, header rows left out."""
+    rows = [[cell.strip() for cell in line.strip().strip("|").split(" | ")]
+            for line in (ROOT / path).read_text(encoding="utf-8").splitlines() if line.startswith("| `")]
+    return [row for row in rows if len(row) == columns]
+
+
+class Endpoint(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.center = admin_support.Center("--echo")
+        cls.addClassCleanup(cls.center.__exit__)
+
+    def raw(self, request):
+        """What comes back for these bytes, to the end of the connection."""
+        host, port = self.center.admin.split(":")
+        with socket.create_connection((host, int(port)), timeout=support.DEADLINE) as connection:
+            connection.sendall(request)
+            return b"".join(iter(lambda: connection.recv(65536), b""))
+
+
+class Pages(Endpoint):
+    def test_are_there_and_as_long_as_told(self):
+        for path in PATHS:
+            status, headers, body = self.center.ask(path)
+            self.assertEqual((status, headers["content-length"]), (200, str(len(body))), path)
+            self.assertTrue(body, path)
+
+    def test_carry_what_keeps_browsers_from_mischief(self):
+        for path, wanted in [*((path, 200) for path in PATHS), ("/none", 404)]:
+            status, headers, _ = self.center.ask(path)
+            self.assertEqual((status, headers["cache-control"], headers["x-content-type-options"]),
+                             (wanted, "no-store", "nosniff"), path)
+            policy = dict(part.split(" ", 1) for part in headers["content-security-policy"].split("; "))
+            self.assertEqual((policy["default-src"], policy["script-src"], policy["frame-ancestors"]),
+                             ("'none'", "'self'", "'none'"), path)
+            self.assertNotIn("access-control-allow-origin", headers)
+
+    def test_of_the_live_page_have_their_types(self):
+        types = {".html": "text/html; charset=utf-8", ".css": "text/css; charset=utf-8",
+                 ".js": "text/javascript; charset=utf-8", ".svg": "image/svg+xml", ".txt": "text/plain; charset=utf-8"}
+        files = [file for file in (ROOT / "Reference_Center/page").rglob("*") if file.suffix in types]
+        self.assertLessEqual({".html", ".css", ".js"}, {file.suffix for file in files})
+        for file in files:
+            status, headers, body = self.center.ask(f"/assets/{file.name}")
+            self.assertEqual((status, headers["content-type"], body), (200, types[file.suffix], file.read_bytes()), file)
+
+    def test_are_no_others(self):
+        for path in ("/api", "/api/v1/", "/api/v1/status/", "/assets/", "/assets/../page/index.html", "/index.html",
+                     "/%2e%2e/etc/passwd", "/metrics/x", "//"):
+            status, headers, body = self.center.ask(path)
+            self.assertEqual((status, headers["content-type"], json.loads(body)),
+                             (404, "application/json", {"error": "no such page"}), path)
+
+    def test_do_not_look_at_what_follows_a_question_mark(self):
+        self.assertEqual(self.center.ask("/healthz?verbose=1")[::2], (200, b"ok\n"))
+
+
+class Methods(Endpoint):
+    def test_other_than_get_and_head_are_refused(self):
+        for method in ("POST", "PUT", "DELETE", "OPTIONS", "TRACE", "PATCH", "FROBNICATE"):
+            status, headers, body = self.center.ask("/api/v1/status", method)
+            self.assertEqual((status, headers["allow"]), (405, "GET, HEAD"), method)
+            self.assertIn(method, json.loads(body)["error"])
+
+    def test_head_gives_the_headers_of_get(self):
+        for path in ("/", "/healthz", "/none"):
+            got, asked = self.center.ask(path), self.center.ask(path, "HEAD")
+            for headers in (got[1], asked[1]):
+                headers.pop("date")
+            self.assertEqual(asked, (*got[:2], b""), path)
+
+
+class Names(Endpoint):
+    def test_of_this_machine_are_served(self):
+        for host in ("localhost", "LocalHost:80", "127.0.0.1", self.center.admin, "127.8.8.8:1"):
+            self.assertEqual(self.center.ask("/readyz", headers={"Host": host})[0], 200, host)
+
+    def test_of_anybody_else_are_refused(self):
+        for host in ("example.org", f"rebound.example.org:{self.center.admin.split(':')[1]}", "localhost.example.org",
+                     "127.0.0.1.example.org", "1.2.3", "", "[::1]"):
+            status, _, body = self.center.ask("/api/v1/status", headers={"Host": host})
+            self.assertEqual((status, list(json.loads(body))), (421, ["error"]), host)
+
+    def test_may_be_left_out_by_old_programs(self):
+        self.assertTrue(self.raw(b"GET /healthz HTTP/1.0\r\n\r\n").startswith(b"HTTP/1.1 200 "))
+
+
+class Patience(Endpoint):
+    def open(self):
+        host, port = self.center.admin.split(":")
+        connection = socket.create_connection((host, int(port)), timeout=support.DEADLINE)
+        self.addCleanup(connection.close)
+        return connection
+
+    def test_ends_with_one_answer_a_connection(self):
+        answer = self.raw(b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\nGET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n")
+        self.assertEqual(answer.count(b"HTTP/1.1 "), 1)
+
+    def test_is_not_held_up_by_many_who_do_not_finish(self):
+        slow = [self.open() for _ in range(300)]
+        for connection in slow:
+            with contextlib.suppress(OSError):  # cut already
+                connection.sendall(b"GET /healthz HTTP/1.1\r\nHost:")
+        start = time.monotonic()
+        self.assertEqual(self.center.ask("/healthz")[0], 200)
+        self.assertLess(time.monotonic() - start, ANSWER_TIME)
+
+    def test_ends_for_who_sends_a_byte_now_and_then(self):
+        connection = self.open()
+        connection.settimeout(0.1)
+        start = time.monotonic()
+        with contextlib.suppress(BrokenPipeError, ConnectionResetError):
+            connection.sendall(b"GET /healthz HTTP/1.1\r\nX: ")
+            while not has_closed_within(connection):
+                connection.sendall(b"x")
+        taken = time.monotonic() - start
+        self.assertTrue(3 < taken < 10, taken)
+
+    def test_survives_what_is_no_request(self):
+        for noise in (b"\0" * 100000, b"GET\r\n\r\n", b"GET / HTTP/9.9\r\n\r\n", b"A" * 100000,
+                      b"GET / HTTP/1.1\r\nHost: localhost\r\n" + b"X: y\r\n" * 20000 + b"\r\n"):
+            with contextlib.suppress(ConnectionResetError, BrokenPipeError):
+                self.raw(noise)
+            self.assertEqual(self.center.ask("/healthz")[0], 200)
+
+
+def has_closed_within(connection):
+    """Waits for the socket's own time-out."""
+    try:
+        return connection.recv(65536) == b""
+    except TimeoutError:
+        return False
+
+
+class Thread(Endpoint):
+    def test_has_all_signals_blocked(self):
+        tasks = list(Path(f"/proc/{self.center.program.pid}/task").iterdir())
+        own = [task for task in tasks if (task / "comm").read_text() == "admin\n"]
+        self.assertEqual(len(own), 1)
+        self.assertIn(f"SigBlk:\t{ALL_SIGNALS}\n", (own[0] / "status").read_text())
+
+
+class Place(unittest.TestCase):
+    def test_is_told_when_it_is_ready(self):
+        with admin_support.Center() as center:
+            self.assertRegex(center.admin, r"^127\.0\.0\.1:[1-9][0-9]*$")
+        program, port = support.start_on_port(lambda port: ["run", "--listen", port, "--admin", "127.0.0.1:0"], "stdout", "\n")
+        with program:
+            self.assertRegex(program.text["stdout"].decode(),
+                             rf"^ready; serving {port} over UDP and TCP; admin at http://127\.0\.0\.1:\d+/\n$")
+
+    def test_may_be_none(self):
+        with admin_support.Center(admin="none") as center:
+            self.assertIsNone(center.admin)
+            sockets = subprocess.run(["ss", "-Hltnp"], stdout=subprocess.PIPE, check=True).stdout.decode().splitlines()
+            own = [line for line in sockets if f"pid={center.program.pid}," in line]
+            self.assertEqual(len(own), 1, own)
+
+    def test_that_was_asked_for_and_is_taken_stops_the_center(self):
+        with socket.create_server(("127.0.0.1", 0)) as holder:
+            taken = f"127.0.0.1:{holder.getsockname()[1]}"
+            result = support.call("run", "--listen", support.free_port(), "--admin", taken)
+        self.assertEqual((result.returncode, result.stdout), (4, b""))
+        self.assertIn(f"the admin endpoint cannot be at {taken}", result.stderr.decode())
+
+    def test_of_its_own_choice_gives_way(self):
+        holder = socket.socket()
+        self.addCleanup(holder.close)
+        host, port = DEFAULT.split(":")
+        with contextlib.suppress(OSError):  # whoever has it will do
+            holder.bind((host, int(port)))
+        program, _ = support.start_on_port(lambda port: ["run", "--listen", port, "--json"], "stdout", '"ready"')
+        with program:
+            admin = json.loads(program.text["stdout"])["admin"]
+            self.assertNotEqual(admin, DEFAULT)
+            self.assertEqual(json.loads(admin_support.ask(admin, "/api/v1/status")[2])["pid"], program.pid)
+            program.wait_for("stderr", f"the admin endpoint cannot be at {DEFAULT}")
+
+    def test_that_others_reach_is_warned_of_and_serves_every_name(self):
+        with admin_support.Center(admin="0.0.0.0:0") as center:
+            center.program.wait_for("stderr", f"warning the admin endpoint at {center.admin} can be read by whoever")
+            self.assertEqual(center.ask("/readyz", headers={"Host": "node.example.org"})[0], 200)
+
+    def test_that_only_this_machine_reaches_is_not_warned_of(self):
+        with admin_support.Center("--seconds", "0.1") as center:
+            code, _, errors = center.program.finish()
+        self.assertEqual((code, "warning" in errors), (0, False), errors)
+
+
+class Figures(Endpoint):
+    def test_have_documented_names_types_and_meanings(self):
+        metrics = self.center.metrics()
+        told = {name.strip("`"): (kind, text) for name, kind, _, text in table_rows("docs/metrics.md", 4)}
+        self.assertEqual(told, {name: (metrics.type[name], metrics.help[name]) for name in metrics.help})
+
+    def test_are_named_as_is_the_custom(self):
+        metrics = self.center.metrics()
+        for name, kind in metrics.type.items():
+            self.assertRegex(name, r"^zolt_[a-z_]+$")
+            self.assertEqual(name.endswith("_total"), kind == "counter", name)
+            self.assertNotRegex(name, r"_(ms|us|milliseconds|microseconds|kb|percent)(_|$)")
+
+    @unittest.skipUnless(shutil.which("promtool"), "promtool is not installed")
+    def test_please_promtool(self):
+        result = subprocess.run(["promtool", "check", "metrics"], input=self.center.ask("/metrics")[2],
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+        self.assertEqual((result.returncode, result.stdout), (0, b""))
+
+
+if __name__ == "__main__":
+    support.main()
