@@ -3,7 +3,7 @@
 import * as format from "./format.js";
 
 const kept_seconds = 300;
-const colours = {in: "--in", out: "--out", queue: "--queue"};
+const colours = {in: "--in", out: "--out", other: "--other"};
 
 /// What a custom property comes to under the colours in use; the canvas needs it as a plain colour.
 function colour(name) {
@@ -27,8 +27,8 @@ function axes(as, paint, small) {
     const font = "11px " + getComputedStyle(document.body).fontFamily;
     const common = {font, stroke: () => paint.muted, ticks: {show: false}};
     return [
-        {...common, size: 26, space: 70, grid: {show: false},
-         values: (_, splits) => splits.map((at) => format.at_time(at * 1000))},
+        {...common, size: 26, space: 40, incrs: [60, 120, 300], grid: {show: false},
+         values: (_, splits) => splits.map((at) => format.minute(at * 1000))},
         {...common, size: 54, space: 34, grid: {stroke: () => paint.line, width: 1},
          values: (_, splits) => splits.map(as)},
     ];

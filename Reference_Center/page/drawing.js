@@ -7,36 +7,41 @@ import * as format from "./format.js";
 const narrow_width = 560;
 const row_height = {two_lines: 36, one_line: 19};
 const most_rows = {wide: 24, narrow: 16};
+const wide_gap = {x: 62, y: 36};
 const half_link = 3.2; ///< each way of a link lies that far beside its middle
 
 const ways = [
-    {over: "outgoing", title: "this node connects"},
-    {over: "accepted", title: "connected to this node"},
+    {over: "outgoing", title: "opened by this node"},
+    {over: "accepted", title: "opened by peers"},
 ];
 
-/// From a hair at rest to 7 pixels at 100 MB each second; each tenfold is as much wider.
-function width_of(bytes_per_s) {
-    return Math.min(7, 1.2 + Math.max(0, Math.log10(1 + bytes_per_s / 10)) * 0.83);
+/// From a hair at rest to 7 pixels at 100 MB each second, each tenfold as much wider; less where links lie close.
+function width_of(bytes_per_s, most) {
+    return Math.min(1, 0.17 + Math.log10(1 + bytes_per_s / 10) * 0.119) * most;
 }
 
 function round(value) {
     return Math.round(value * 10) / 10;
 }
 
-/// One way of a link: a line and, while something flows, the arrow's head at its end.
-function draw_lane(lane, tip, from, to, side, rate, flows) {
+/// One way of a link: a line beside the link's middle, with an arrow's head at its end.
+function draw_lane(lane, tip, from, to, width) {
     const length = Math.hypot(to.x - from.x, to.y - from.y) || 1;
     const along = {x: (to.x - from.x) / length, y: (to.y - from.y) / length};
-    const aside = {x: -along.y * side, y: along.x * side};
-    const width = width_of(rate);
-    const head = flows ? 6 + width : 0;
     const point = (distance, off) =>
-        `${round(from.x + along.x * distance + aside.x * off)} ${round(from.y + along.y * distance + aside.y * off)}`;
+        `${round(from.x + along.x * distance - along.y * off)} ${round(from.y + along.y * distance + along.x * off)}`;
+    const head = 6 + width;
     const spread = width / 2 + 2.4;
     set(lane, "d", `M${point(0, half_link)}L${point(length - head, half_link)}`);
     set(lane, "stroke-width", round(width));
-    set(tip, "d", flows ? `M${point(length, half_link)}L${point(length - head, half_link + spread)}` +
-        `L${point(length - head, half_link - spread)}Z` : "");
+    set(tip, "d", `M${point(length, half_link)}L${point(length - head, half_link + spread)}` +
+        `L${point(length - head, half_link - spread)}Z`);
+}
+
+/// A link without traffic is one line.
+function draw_plain(lane, from, to) {
+    set(lane, "d", `M${round(from.x)} ${round(from.y)}L${round(to.x)} ${round(to.y)}`);
+    set(lane, "stroke-width", 1.8);
 }
 
 class link {
@@ -46,16 +51,22 @@ class link {
         this.tips = [0, 1].map(() => svg("path", this.group, {class: "tip"}));
     }
 
-    /// Hub and end are points; gaps say how far from each the link begins.
-    draw(hub, end, gaps, state, rates) {
+    /// From beside the hub, which is wider than high, to that far before the end.
+    draw(hub, end, gap, state, rates) {
         set(this.group, "class", `link ${state}`);
         const length = Math.hypot(end.x - hub.x, end.y - hub.y) || 1;
-        const at = (distance) => ({x: hub.x + (end.x - hub.x) * distance / length,
-                                   y: hub.y + (end.y - hub.y) * distance / length});
-        const [near, far] = [at(gaps.hub), at(length - gaps.end)];
-        const flows = state === "established";
-        draw_lane(this.lanes[0], this.tips[0], near, far, 1, rates?.bytes_out_per_s ?? 0, flows);
-        draw_lane(this.lanes[1], this.tips[1], far, near, 1, rates?.bytes_in_per_s ?? 0, flows);
+        const along = {x: (end.x - hub.x) / length, y: (end.y - hub.y) / length};
+        const at = (distance) => ({x: hub.x + along.x * distance, y: hub.y + along.y * distance});
+        const near = at(1 / Math.hypot(along.x / hub.gap.x, along.y / hub.gap.y));
+        const far = at(length - gap);
+        if (state === "established") {
+            const most = end.widest ?? 7;
+            draw_lane(this.lanes[0], this.tips[0], near, far, width_of(rates.bytes_out_per_s, most));
+            draw_lane(this.lanes[1], this.tips[1], far, near, width_of(rates.bytes_in_per_s, most));
+        } else {
+            draw_plain(this.lanes[0], near, far);
+            [this.lanes[1], ...this.tips].forEach((part) => set(part, "d", ""));
+        }
     }
 }
 
@@ -90,7 +101,7 @@ class peer_figure {
     draw(peer, hub, place) {
         set(this.group, "class", `node ${peer.shown}${peer.fades ? " fades" : ""}`);
         set(this.group, "transform", `translate(${round(place.x)} ${round(place.y)})`);
-        this.link.draw(hub, place, {hub: hub.gap, end: 12}, peer.shown + (peer.fades ? " fades" : ""), peer.rates);
+        this.link.draw(hub, place, 12, peer.shown + (peer.fades ? " fades" : ""), peer.rates);
         const x = place.right ? 14 : -14;
         for (const text of [this.name, this.line]) {
             set(text, "x", x);
@@ -126,20 +137,20 @@ class cloud_figure {
 
     draw(peers, hub, area) {
         this.keep(peers);
-        const step = Math.min(15, area.radius / Math.sqrt(this.places.length + 1));
+        const step = Math.min(13, area.radius / Math.sqrt(this.places.length + 1));
         for (const peer of peers) {
             this.draw_dot(this.dots.get(peer.key), peer, step);
         }
-        const radius = Math.max(step * Math.sqrt(this.places.length + 1), 26);
+        const radius = Math.max(step * Math.sqrt(this.places.length + 1) + step / 2, 26);
         set(this.group, "transform", `translate(${round(area.x)} ${round(area.y)})`);
         set(this.rim, "r", round(radius));
-        set(this.name, "y", round(radius + 18));
-        set(this.line, "y", round(radius + 33));
+        set(this.name, "y", round(area.named_above ? -radius - 24 : radius + 18));
+        set(this.line, "y", round(area.named_above ? -radius - 9 : radius + 33));
         const rates = sum_of_rates(peers);
         set_text(this.name, `${format.count(peers.filter((peer) => peer.shown !== "gone").length)} ${this.title}`);
         set_text(this.line, rates_text(rates));
         const state = peers.some((peer) => peer.shown === "established") ? "established" : peers[0].shown;
-        this.link.draw(hub, area, {hub: hub.gap, end: radius + 4}, state, rates);
+        this.link.draw(hub, area, radius + 4, state, rates);
     }
 
     /// Dots for those who are new, none for those who left; the lowest free place first.
@@ -178,7 +189,7 @@ class cloud_figure {
         const angle = dot.place * 2.399963;
         set(dot.shape, "cx", round(distance * Math.cos(angle)));
         set(dot.shape, "cy", round(distance * Math.sin(angle)));
-        set(dot.shape, "r", round(Math.max(1.5, step * (peer.shown === "established" ? 0.62 : 0.78))));
+        set(dot.shape, "r", round(Math.max(1.5, step * (peer.shown === "established" ? 0.58 : 0.68))));
         set(dot.shape, "class", `node ${peer.shown}${peer.fades ? " fades" : ""}`);
         set_text(dot.title, `${peer.address}, ${peer.shown}`);
     }
@@ -202,7 +213,7 @@ function sum_of_rates(peers) {
 function row_places(amount, width, height, narrow) {
     const columns = narrow || amount === 1 ? 1 : 2;
     const right_ones = Math.ceil(amount / columns);
-    const hub = narrow ? {x: 30, y: height / 2, gap: 22} : {x: width / 2, y: height / 2, gap: 62};
+    const hub = narrow ? {x: 30, y: height / 2, gap: {x: 20, y: 20}} : {x: width / 2, y: height / 2, gap: wide_gap};
     const label_room = narrow ? 200 : 190;
     const places = [];
     for (let index = 0; index < amount; ++index) {
@@ -214,7 +225,7 @@ function row_places(amount, width, height, narrow) {
         const reach = narrow ? Math.min(110, width - label_room - hub.x) : Math.min(width / 2 - label_room, height * 0.72);
         const bend = narrow ? 1 : Math.sqrt(1 - 0.7 * share * share);
         places.push({x: hub.x + (right ? 1 : -1) * reach * bend, y: hub.y + share * height / 2, right,
-                     two_lines: room >= row_height.two_lines - 4});
+                     widest: Math.min(7, room / 4), two_lines: room >= row_height.two_lines - 4});
     }
     return {hub, places};
 }
@@ -226,20 +237,23 @@ function rows_height(amount, narrow) {
     return Math.max(440, Math.ceil(amount / 2) * row_height.one_line);
 }
 
-/// Where this node and the clouds are: side by side, below each other where it is narrow.
+/// Where this node and the clouds are. Each cloud's name stands where its link does not.
 function cloud_places(amount, width, narrow) {
-    if (narrow) {
-        const radius = Math.min(width / 2 - 12, 130);
-        const areas = Array.from({length: amount}, (_, index) =>
-            ({x: width / 2, y: 110 + radius + index * (2 * radius + 96), radius}));
-        return {hub: {x: width / 2, y: 34, gap: 36}, areas, height: 110 + amount * (2 * radius + 96) - 46};
+    if (amount === 1) {
+        const radius = Math.min(width * (narrow ? 0.45 : 0.3), narrow ? 130 : 190);
+        return narrow ? {hub: {x: width / 2, y: 30, gap: wide_gap}, areas: [{x: width / 2, y: 120 + radius, radius}],
+                         height: 165 + 2 * radius}
+            : {hub: {x: width * 0.2, y: 222, gap: wide_gap}, areas: [{x: width * 0.66, y: 222, radius}], height: 480};
     }
-    const height = 480;
-    const radius = Math.min(height / 2 - 44, width * (amount === 1 ? 0.3 : 0.22));
-    const hub = {x: amount === 1 ? width * 0.2 : width / 2, y: height / 2 - 12, gap: 62};
-    const areas = amount === 1 ? [{x: width * 0.66, y: hub.y, radius}]
-        : [{x: width - radius - 16, y: hub.y, radius}, {x: radius + 16, y: hub.y, radius}];
-    return {hub, areas, height};
+    if (narrow) {
+        const radius = Math.min(width / 2 - 12, 100);
+        const hub = {x: width / 2, y: 2 * radius + 130, gap: wide_gap};
+        return {hub, areas: [{x: hub.x, y: hub.y - 90 - radius, radius, named_above: true},
+                             {x: hub.x, y: hub.y + 90 + radius, radius}], height: 4 * radius + 265};
+    }
+    const radius = Math.min(width * 0.22, 168);
+    return {hub: {x: width / 2, y: 36, gap: wide_gap}, height: 480,
+            areas: [{x: width * 0.76, y: 260, radius}, {x: width * 0.24, y: 260, radius}]};
 }
 
 export class drawing {

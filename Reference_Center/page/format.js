@@ -4,16 +4,12 @@ const nothing = "–";
 const space = "\u00a0";
 const grouped = new Intl.NumberFormat("en-US", {maximumFractionDigits: 0});
 const clock_time = new Intl.DateTimeFormat("en-GB", {hour: "2-digit", minute: "2-digit", second: "2-digit"});
+const minute_time = new Intl.DateTimeFormat("en-GB", {hour: "2-digit", minute: "2-digit"});
 const day_time = new Intl.DateTimeFormat("en-GB", {day: "numeric", month: "short", hour: "2-digit", minute: "2-digit"});
 
 const known = (value) => typeof value === "number" && Number.isFinite(value);
 
-/// Three digits that count: 0, 7.3, 48, 999, 1.25, 31.4
-function three_digits(value) {
-    return String(Number(value.toPrecision(value < 1 ? 1 : value < 10 ? 2 : 3)));
-}
-
-/// The value in the largest unit that leaves it at 1 or more; units go up by a thousand.
+/// The value in the largest unit that leaves it at 1 or more; units go up by a thousand. Three digits: 7.3, 48, 999, 1.25 k
 function in_units(value, units) {
     let scaled = value;
     let index = 0;
@@ -21,7 +17,8 @@ function in_units(value, units) {
         scaled /= 1000;
         ++index;
     }
-    return {digits: index === 0 ? three_digits(scaled) : String(Number(scaled.toPrecision(3))), unit: units[index]};
+    const digits = index > 0 ? scaled.toPrecision(3) : scaled.toFixed(scaled < 9.95 ? 1 : 0);
+    return {digits: String(Number(digits)), unit: units[index]};
 }
 
 function with_unit({digits, unit}) {
@@ -40,8 +37,9 @@ export function bytes(value) {
     return known(value) ? with_unit(in_units(value, ["B", "kB", "MB", "GB", "TB", "PB"])) : nothing;
 }
 
+/// Nothing takes no time at all: 0 is the figure of no packets.
 export function micros(value) {
-    return known(value) ? with_unit(in_units(value, ["µs", "ms", "s"])) : nothing;
+    return known(value) && value > 0 ? with_unit(in_units(value, ["µs", "ms", "s"])) : nothing;
 }
 
 export function limit(value) {
@@ -63,6 +61,10 @@ export function duration(value) {
         .filter(([amount], index) => index === 0 || amount > 0)
         .map(([amount, unit]) => amount + space + unit)
         .join(space);
+}
+
+export function minute(unix_ms) {
+    return minute_time.format(unix_ms);
 }
 
 export function at_time(unix_ms) {

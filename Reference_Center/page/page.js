@@ -88,10 +88,16 @@ function flow_chart(what, as) {
     return new chart(by_id(`${what}_plot`), ["in", "out"], as, {figures: [by_id(`${what}_in`), by_id(`${what}_out`)]});
 }
 
+function small_chart(what, as) {
+    return new chart(by_id(`${what}_plot`), ["other"], as, {small: true});
+}
+
 const charts = {
     packets: flow_chart("packets", format.short),
     bytes: flow_chart("bytes", format.bytes),
-    queue: new chart(by_id("queue_plot"), ["queue"], format.bytes, {small: true}),
+    queue: small_chart("queue", format.bytes),
+    latency: small_chart("latency", format.micros),
+    inbox: small_chart("inbox", format.count),
 };
 
 function add_to_charts(status) {
@@ -100,6 +106,8 @@ function add_to_charts(status) {
     charts.packets.add(now, [rates?.packets_in_per_s ?? null, rates?.packets_out_per_s ?? null]);
     charts.bytes.add(now, [rates?.bytes_in_per_s ?? null, rates?.bytes_out_per_s ?? null]);
     charts.queue.add(now, [status?.queue.bytes ?? null]);
+    charts.latency.add(now, [status?.latency_us.p99 || null]);
+    charts.inbox.add(now, [status?.inbox.packets ?? null]);
 }
 
 /// Where this node is to be found, short.
