@@ -3,6 +3,7 @@
 
 import {set, set_text, svg} from "./dom.js";
 import * as format from "./format.js";
+import {state_text} from "./peers.js";
 
 const narrow_width = 560;
 const row_height = {two_lines: 36, one_line: 19};
@@ -75,10 +76,7 @@ function rates_text(rates) {
 }
 
 function peer_line(peer) {
-    if (peer.shown === "established") {
-        return rates_text(peer.rates);
-    }
-    return peer.shown === "gone" && peer.reason ? `gone: ${format.reason(peer.reason)}` : peer.shown;
+    return peer.shown === "established" ? rates_text(peer.rates) : state_text(peer);
 }
 
 /// One peer with its link, address and what it does.
@@ -191,7 +189,7 @@ class cloud_figure {
         set(dot.shape, "cy", round(distance * Math.sin(angle)));
         set(dot.shape, "r", round(Math.max(1.5, step * (peer.shown === "established" ? 0.58 : 0.68))));
         set(dot.shape, "class", `node ${peer.shown}${peer.fades ? " fades" : ""}`);
-        set_text(dot.title, `${peer.address}, ${peer.shown}`);
+        set_text(dot.title, `${peer.address}, ${peer_line(peer)}`);
     }
 
     remove() {

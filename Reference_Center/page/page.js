@@ -4,7 +4,7 @@ import {chart} from "./charts.js";
 import {by_id, element, remake, set_text} from "./dom.js";
 import {drawing} from "./drawing.js";
 import * as format from "./format.js";
-import {peer_list} from "./peers.js";
+import {peer_list, state_text} from "./peers.js";
 import {table} from "./table.js";
 
 const period_ms = 500;
@@ -30,12 +30,11 @@ function column(key, title, read, as, more = {}) {
 const busiest = {first: "descending"};
 
 const peer_table = new table(by_id("peers"), {
-    id: "peers", title: "Peers", key: (peer) => peer.key, class_of: (peer) => peer.shown,
+    id: "peers", title: "Peers", key: (peer) => peer.key, class_of: (peer) => peer.shown, counts: (peer) => peer.shown !== "gone",
     sort: {key: "state", order: "ascending"}, empty: "No peer is connected, and none is to be.",
     columns: [
         column("address", "Peer", (peer) => peer.address, format.text),
-        {key: "state", title: "State", value: (peer) => states.indexOf(peer.shown),
-         text: (peer) => peer.reason ? `${peer.shown}: ${format.reason(peer.reason)}` : peer.shown},
+        {key: "state", title: "State", value: (peer) => states.indexOf(peer.shown), text: state_text},
         column("over", "Opened by", (peer) => opened_by[peer.over], format.text),
         column("since_s", "For", (peer) => peer.since_s, format.duration),
         column("packets_in", "Packets in", (peer) => peer.rates.packets_in_per_s, per_second(format.short), busiest),

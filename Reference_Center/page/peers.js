@@ -1,5 +1,7 @@
 // The peers as the page shows them: those that the Center names, and for a while those that it no longer names.
 
+import * as format from "./format.js";
+
 const red_ms = 6000;
 const fade_ms = 2000;
 
@@ -71,6 +73,11 @@ export class peer_list {
             (left.over === right.over ? 0 : left.over === "outgoing" ? -1 : 1) ||
             this.order.get(left.key) - this.order.get(right.key));
     }
+}
+
+/// The state of a peer that is shown, with the reason of its last end where that is known.
+export function state_text(peer) {
+    return peer.reason === undefined ? peer.shown : `${peer.shown}: ${format.reason(peer.reason)}`;
 }
 
 function key_of(peer) {

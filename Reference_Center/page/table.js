@@ -14,9 +14,9 @@ function compare(left, right) {
 
 export class table {
     /// Columns: {key, title, value(row) to sort by, text(row), number, first: "descending" when that is asked for first}.
-    /// A row's key names it; class_of(row) is what the style sheet knows it by.
-    constructor(holder, {id, title, columns, key, class_of = () => "", sort, empty, filter = true}) {
-        Object.assign(this, {columns, key, class_of, empty, all: [], rows: new Map(), shown: page_size});
+    /// A row's key names it; class_of(row) is what the style sheet knows it by; counts(row) whether the heading counts it.
+    constructor(holder, {id, title, columns, key, class_of = () => "", counts = () => true, sort, empty, filter = true}) {
+        Object.assign(this, {columns, key, class_of, counts, empty, all: [], rows: new Map(), shown: page_size});
         this.sort = {...sort};
         this.make_head(holder, id, title, filter);
         const frame = element("div", holder, {class: "frame"});
@@ -87,8 +87,8 @@ export class table {
         this.order(passing);
         const drawn = passing.slice(0, this.shown);
         this.draw_rows(drawn);
-        set_text(this.amount, wanted === "" ? format.count(this.all.length)
-            : `${format.count(passing.length)} of ${format.count(this.all.length)}`);
+        const [all, some] = [this.all, passing].map((rows) => format.count(rows.filter(this.counts).length));
+        set_text(this.amount, wanted === "" ? all : `${some} of ${all}`);
         set_text(this.nobody, this.all.length === 0 ? this.empty : "Nothing passes the filter.");
         this.nobody.hidden = passing.length > 0;
         this.table.hidden = passing.length === 0;
