@@ -113,7 +113,8 @@ char const* way_text(way via) {
     return "";
 }
 
-center::center(center_plan const& wanted, center_user& of) : plan(wanted), user(of), known(wanted.ports) {
+center::center(center_plan const& wanted, center_user& of)
+    : plan(wanted), user(of), known(wanted.ports), capture(wanted.capture, wanted.capture_limit) {
     use_configuration(plan.configuration);
     auto const deadline = steady_clock::now() + plan.wait_for_ports;
     for (std::uint16_t const port : plan.ports) {
@@ -212,10 +213,12 @@ void center::notice(struct_packet const& header) {
     if (event == connection_event::connected_from_client || event == connection_event::connected_to_server) {
         connected[who] = Reference_Host::get_destination(header).port;
         known.note_connected(who);
+        capture.note_connected(who, {Reference_Host::get_local_ip(header), connected[who]});
         user.on_connected(who);
     } else {
         connected.erase(who);
         known.note_disconnected(who);
+        capture.note_disconnected(who);
         user.on_disconnected(who);
     }
 }
@@ -225,6 +228,7 @@ void center::receive(struct_token& token, struct_packet& header) {
     bool const is_datagram = header.get_mct_ip() == c_local_host;
     peer const from{source_of(header), is_datagram ? way::udp : find_way(header)};
     known.note_arrival(from, Reference_Host::get_data_span(token).size());
+    capture.note_arrival(from, token);
     if (from.via == way::accepted && (header.is_call_return() || header.is_signal_return())) {
         send(from, make_acknowledgement(header));
     }
@@ -254,6 +258,7 @@ void center::withdraw(struct_node_addr destination) {
 bool center::send(peer const& to, struct_token token, std::uint32_t number) {
     struct_packet* const header = token.get_header_packet();
     std::uint64_t const size = header->get_data_size();
+    packet_capture::bytes const copy = capture.copy(token);
     hand_over mark(token, number);
     int result = 0;
     switch (to.via) {
@@ -269,6 +274,7 @@ bool center::send(peer const& to, struct_token token, std::uint32_t number) {
     }
     if (result == 0) {
         known.note_hand_over(to, size);
+        capture.note_hand_over(to, copy);
         return true;
     }
     mark.was_refused(token);
@@ -277,8 +283,10 @@ bool center::send(peer const& to, struct_token token, std::uint32_t number) {
 }
 
 void center::send_to_all_accepted(struct_token token) {
+    packet_capture::bytes const copy = capture.copy(token);
     for (auto const& [who, gate_port] : connected) {
         if (who.via == way::accepted) {
+            capture.note_hand_over(who, copy);
             known.note_hand_over(who, token.get_header_packet()->get_data_size());
         }
     }

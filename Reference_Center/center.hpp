@@ -9,6 +9,7 @@
 #include "Reference_Center/diagnostics.hpp"
 #include "Reference_Center/hand_over_book.hpp"
 #include "Reference_Center/node_account.hpp"
+#include "Reference_Center/packet_capture.hpp"
 #include "Reference_Center/peer.hpp"
 #include "Reference_Center/stop_signals.hpp"
 #include "Reference_Host/packet_building.hpp"
@@ -48,6 +49,8 @@ struct center_plan {
     std::chrono::milliseconds wait_for_ports{0};
     stop_signals const* signals = nullptr; ///< end the wait for ports
     std::chrono::milliseconds stop_timeout{5000};
+    std::string capture;             ///< file for packet_capture; empty for none
+    std::uint64_t capture_limit = 0; ///< bytes
 };
 
 class center {
@@ -96,6 +99,7 @@ private:
     center_user& user;
     relay_lines const lines;
     node_account known;
+    packet_capture capture;
     std::map<peer, std::uint16_t> connected; ///< and the port by which the peer knows this node
     bool runs = false;
 };

@@ -19,6 +19,8 @@ using std::chrono::steady_clock;
 struct run_options : common_options {
     std::vector<std::string> destinations;
     std::string admin;
+    std::string capture;
+    std::uint64_t capture_limit = 64U << 20;
     bool echo = false;
     double seconds = 0;
 };
@@ -138,6 +140,8 @@ int run_center(run_options const& options) {
     running_user user(options);
     center_plan plan = options.plan();
     plan.signals = &signals;
+    plan.capture = options.capture;
+    plan.capture_limit = options.capture_limit;
     center node(plan, user);
     user.use(node);
     auto const admin = open_admin(options.admin, node.account());
@@ -172,6 +176,18 @@ void add_run_command(CLI::App& app, action& chosen) {
     command.add_option("--seconds", options->seconds, "Stop after that time")
         ->check(seconds_check(0.001))
         ->type_name("SECONDS");
+    CLI::Option* const capture =
+        command
+            .add_option("--pcap", options->capture,
+                        "Write the packets that are sent and received into a capture file, as Wireshark reads it")
+            ->type_name("FILE");
+    command
+        .add_option("--pcap-limit", options->capture_limit,
+                    "Largest size of that file; it ends there, and the Center goes on")
+        ->transform(size_value())
+        ->needs(capture)
+        ->type_name("BYTES")
+        ->default_str("64M");
     add_admin_option(command, options->admin);
     add_center_options(command, *options);
     add_json_option(command, options->json, "Print events and the sum as one JSON object a line");
