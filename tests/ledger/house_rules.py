@@ -33,6 +33,7 @@ SYSTEM_CALLS = re.compile(
     r"sendmsg|recvmsg|shutdown|close|epoll_create1|epoll_ctl|epoll_wait|fcntl|ioctl|read|write|fflush|"
     r"pthread_sigmask|sigemptyset|sigaddset|sigfillset)\s*\(")
 FIXED_WAIT = re.compile(r"\bsleep_for\b|\bsleep_until\b|\busleep\b|(?<![\w.])sleep\s*\(|\btime\.sleep\b")
+FENCED = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
 BRANCH = re.compile(r"\b(?:if|for|while|catch)\b|&&|\|\||\?")
 
 # What stands in front of the brace that opens a function's body, after its parameters.
@@ -152,7 +153,8 @@ def documents(root):
         for match in re.finditer(r"\b[Dd]ecision (\d+)\b", text):
             if match[1] not in entries:
                 yield f"{path}:{tree.line_of(text, match.start())}: docs/decisions.md has no entry {match[1]}"
-        for match in re.finditer(r"\]\(([^)#:]+)(?:#[^)]*)?\)", text) if path.suffix == ".md" else ():
+        prose = FENCED.sub(lambda block: re.sub(r"[^\n]", " ", block.group()), text)
+        for match in re.finditer(r"\]\(([^)#:]+)(?:#[^)]*)?\)", prose) if path.suffix == ".md" else ():
             if not (root / path.parent / match[1]).exists():
                 yield f"{path}:{tree.line_of(text, match.start())}: {match[1]} is not there"
 
