@@ -18,6 +18,7 @@ import machine
 import pictures
 import report
 import results
+import sampling
 import suite
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -94,7 +95,22 @@ def read(path):
         return results.read_csv(file)
 
 
-def write(folder, run, played, baseline):
+def take_profiles(programs, played):
+    """For each row with a goal that was not met."""
+    profiles = {}
+    for row, _ in report.missed(played.results, played.rows):
+        if row.case.subject in ("memory", "micro"):
+            profiles[row.case] = "What is measured here is no time, or has a figure for each of its parts."
+            continue
+        say(f"profile of {row.title}")
+        try:
+            profiles[row.case] = [sampling.take(programs, row, name) for name in sampling.contenders_of(row)]
+        except (sampling.NotSampled, suite.Failed, suite.NotHere) as reason:
+            profiles[row.case] = f"No profile: {reason}."
+    return profiles
+
+
+def write(folder, run, played, baseline, profiles):
     folder.mkdir(parents=True, exist_ok=True)
     with open(folder / "benchmarks.csv", "w", encoding="utf-8", newline="") as file:
         results.write_csv(played.results, file)
@@ -106,7 +122,7 @@ def write(folder, run, played, baseline):
         name, before = baseline
         changes = list(compare.section(before, played.results, {row.case: row.title for row in played.rows}, name))
         print("\n".join(changes))
-    (folder / "benchmarks.md").write_text(report.page(run, played, drawn, changes), encoding="utf-8")
+    (folder / "benchmarks.md").write_text(report.page(run, played, drawn, changes, profiles), encoding="utf-8")
     say(f"wrote {folder / 'benchmarks.md'}, benchmarks.csv and {len(drawn)} pictures")
 
 
@@ -130,9 +146,10 @@ def main(arguments):
     except KeyboardInterrupt:
         run.interrupted = True
         say("interrupted")
+    profiles = {} if run.interrupted or chosen.quick else take_profiles(programs, played)
     signal.signal(signal.SIGINT, signal.SIG_IGN)  # the writing is short and shall be whole
     run.loads.append(machine.load())
-    write(chosen.output or ROOT / ("build/bench" if chosen.only else "docs"), run, played, baseline)
+    write(chosen.output or ROOT / ("build/bench" if chosen.only else "docs"), run, played, baseline, profiles)
     for sample in played.failures():
         say(f"failed: {sample.case.subject} {' '.join(sample.case.arguments())}, {sample.contender}: {sample.error}")
     if run.interrupted:

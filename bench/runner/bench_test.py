@@ -19,11 +19,29 @@ import goals
 import machine
 import report
 import results
+import sampling
 import suite
 
 HERE = Path(__file__).resolve().parent
 CASE = results.case("oneway", {"size": 64, "connections": 1})
 DEADLINE = 120
+
+
+# Runs what it is to sample, and reports what no run of it says.
+FAKE_PERF = """#!/bin/sh
+if [ "$1" = record ]; then
+    while [ "$1" != -- ]; do shift; done
+    shift
+    exec "$@"
+fi
+cat <<'TEXT'
+# Overhead|Command|Shared Object|Symbol
+60.00%|relay-4|[kernel.kallsyms]|[k] do_epoll_ctl
+20.00%|relay-5|libinet_relay.so.1.0.0|[.] Zolt::EPoll::send_step
+10.00%|relay-5|libzolt_reference_host.so.1.0.0|[.] Zolt::struct_token::free
+10.00%|relay-6|libc.so.6|[.] epoll_ctl
+TEXT
+"""
 
 
 def sample(contender, number, which=CASE, **figures):
@@ -38,6 +56,24 @@ def measured(**rates):
 
 def row(*bars, contenders=goals.BOTH, shown=(), rounds=None):
     return goals.Row("a case", CASE, contenders, bars, shown, 0.1, rounds)
+
+
+class Samples(unittest.TestCase):
+    REPORT = FAKE_PERF[FAKE_PERF.index("# Overhead"):]
+
+    def test_are_shared_out_by_library(self):
+        shares, top = sampling.read_report(self.REPORT)
+        self.assertEqual(shares, {"kernel": 0.6, "relay": 0.2, "reference host": 0.1, "C and C++ libraries": 0.1, "the bench": 0})
+        self.assertEqual(top, [(0.2, "EPoll::send_step"), (0.1, "struct_token::free"), (0.1, "epoll_ctl")])
+
+    def test_of_one_thread_are_shares_of_that_thread(self):
+        shares, top = sampling.read_report(self.REPORT, "relay-5")
+        self.assertAlmostEqual(shares["relay"], 2 / 3)
+        self.assertEqual(len(top), 2)
+
+    def test_that_are_none_say_so(self):
+        with self.assertRaises(sampling.NotSampled):
+            sampling.read_report(self.REPORT, "relay-9")
 
 
 class Figures(unittest.TestCase):
@@ -227,6 +263,8 @@ class WholeRun(unittest.TestCase):
         for name in ("inet_relay_bench", "inet_relay_micro"):
             (self.folder / name).write_text(fake, encoding="utf-8")
             (self.folder / name).chmod(0o700)
+        (self.folder / "perf").write_text(FAKE_PERF, encoding="utf-8")
+        (self.folder / "perf").chmod(0o700)
         # Drawing takes longer than all else, and has a test of its own.
         (self.folder / "matplotlib.py").write_text("raise ImportError\n", encoding="utf-8")
 
@@ -235,7 +273,8 @@ class WholeRun(unittest.TestCase):
                 "--output", str(self.output), *arguments]
 
     def environment(self, plan):
-        return {**os.environ, "FAKE_BENCH": json.dumps(plan), "PYTHONPATH": str(self.folder)}
+        return {**os.environ, "FAKE_BENCH": json.dumps(plan), "PYTHONPATH": str(self.folder),
+                "PATH": f"{self.folder}:{os.environ['PATH']}"}
 
     def run_bench(self, *arguments, code=0, **plan):
         done = subprocess.run(self.command(*arguments), env=self.environment(plan), capture_output=True, text=True,
@@ -262,6 +301,11 @@ class WholeRun(unittest.TestCase):
         self.assertIn("| met |", self.line("memory, 8,000", "`heap_near_bytes_per_connection`", "at most 3,900 B"))
         self.assertIn("| **not met** |", self.line("memory, 8,000", "`heap_far_bytes_per_connection`", "3,901 B"))
         self.assertIn("| **not met** |", self.line("`trace_off_ns`", "at most 5 ns", "50 ns"))
+        missed = self.page()[self.page().index("## Goals not met"):self.page().index("## Round trips")]
+        self.assertIn("### round trip, header only\n\n`p50_ns`: 1.100, bar at most 1.09 of skeleton.", missed)
+        self.assertIn("60 % | 20 % | 10 % | 10 % | 0 % |", missed)
+        self.assertIn("`EPoll::send_step` 20.0 %, `struct_token::free` 10.0 %", missed)
+        self.assertIn(goals.TRIED["roundtrip"], missed)
         for text in ("Written by `./dev bench --rounds 1`", "verdicts here are hints", "- commit: ",
                      "- machine: "):
             self.assertIn(text, self.page())

@@ -3,6 +3,7 @@
 import datetime
 
 import goals
+import sampling
 from results import REPEATED
 
 # For each subject its title, and what its table shows: the figure that the ratio is of, and others.
@@ -72,7 +73,10 @@ class Verdict:
         elif self.found is None:
             self.text = "not measured"
         else:
-            self.text = "met" if bar.is_met(self.found.median) else "**not met**"
+            self.text = "met" if self.is_met() else "**not met**"
+
+    def is_met(self):
+        return self.bar.is_met(self.found.median)
 
     def of_bar(self):
         """What is compared with the bar, with its spread."""
@@ -107,6 +111,43 @@ def goals_section(measured, rows):
     yield "Counts do not vary from run to run; tests hold them:"
     yield ""
     yield from table(["what", "goal"], goals.COUNTED)
+
+
+def missed(measured, rows):
+    """Pairs of a row and its goals that were not met."""
+    judged = [(row, [one for one in verdicts(measured, [row]) if one.found and not one.is_met()]) for row in rows]
+    return [(row, goals_missed) for row, goals_missed in judged if goals_missed]
+
+
+def profile_lines(profiles):
+    yield from table(["contender", "processor time a packet, both ends", *sampling.NAMES],
+                     [[one.contender, "" if one.ns_per_packet is None else amount("_ns", one.ns_per_packet),
+                       *(f"{100 * one.shares[name]:.0f} %" for name in sampling.NAMES)] for one in profiles])
+    for one in profiles:
+        if one.contender == goals.JUDGED:
+            named = ", ".join(f"`{name}` {100 * share:.1f} %" for share, name in one.top)
+            yield from (f"Most of it outside the kernel: {named}.", "")
+
+
+def missed_section(measured, rows, profiles):
+    """Profiles: by case, a list of them, or the reason why there is none."""
+    found = missed(measured, rows)
+    if not found:
+        return
+    yield "## Goals not met: where the time goes"
+    yield ""
+    yield ("Samples of the processor's time during one more run of each, set-up included; of connections at rest only those "
+           "of the timer's thread.")
+    yield ""
+    for row, judged in found:
+        yield f"### {row.title}"
+        yield ""
+        yield "; ".join(f"`{verdict.bar.figure}`: {verdict.of_bar()}, bar {verdict.bar_text()}" for verdict in judged) + "."
+        yield ""
+        taken = profiles.get(row.case, "no profile was taken")
+        yield from (taken, "") if isinstance(taken, str) else profile_lines(taken)
+        if row.case.subject in goals.TRIED:
+            yield from (goals.TRIED[row.case.subject], "")
 
 
 def contender_cells(measured, row, contender, main, others):
@@ -193,9 +234,10 @@ def pictures_section(pictures):
         yield ""
 
 
-def page(run, suite, pictures, comparison=()):
+def page(run, suite, pictures, comparison=(), profiles=None):
     measured, rows = suite.results, suite.rows
-    lines = [*heading(run, suite), *goals_section(measured, rows), *comparison, *pictures_section(pictures)]
+    lines = [*heading(run, suite), *goals_section(measured, rows), *comparison, *pictures_section(pictures),
+             *missed_section(measured, rows, profiles or {})]
     for subject in SUBJECTS:
         lines += subject_section(measured, rows, subject)
     lines += [*micro_section(measured), *notes_section(suite)]

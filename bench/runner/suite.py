@@ -93,9 +93,13 @@ class Programs:
         bars = row.bars if contender == goals.JUDGED else ()
         if row.case.subject == goals.MICRO.case.subject:
             return numbers(self.single_costs(), bars)
-        duration = () if row.seconds is None else ("--seconds", f"{row.seconds:g}")
-        told = answer([self.bench, row.case.subject, "--contender", contender, *row.case.arguments(), *duration])
-        return numbers(told["figures"], bars)
+        return numbers(self.told(row, contender, row.seconds), bars)
+
+    def told(self, row, contender, seconds, under=()):
+        """What one run of the program answers; under: a command that runs it."""
+        duration = () if seconds is None else ("--seconds", f"{seconds:g}")
+        return answer([*under, self.bench, row.case.subject, "--contender", contender, *row.case.arguments(),
+                       *duration])["figures"]
 
     def single_costs(self):
         if not os.path.exists(self.micro):
