@@ -51,6 +51,7 @@ void describe_program(CLI::App& app, action& chosen) {
     add_ping_command(app, chosen);
     add_config_command(app, chosen);
     add_completion_command(app, chosen);
+    add_manual_command(app, chosen);
     add_version_command(app, chosen);
     add_demo_node_command(app, chosen);
     app.footer(

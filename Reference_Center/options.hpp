@@ -23,6 +23,7 @@ void add_demo_command(CLI::App& app, action& chosen);
 void add_demo_node_command(CLI::App& app, action& chosen);
 void add_completion_command(CLI::App& app, action& chosen);
 void add_config_command(CLI::App& app, action& chosen);
+void add_manual_command(CLI::App& app, action& chosen);
 void add_version_command(CLI::App& app, action& chosen);
 
 /// Options as they were written; every command has a part of them.
