@@ -1,4 +1,4 @@
-// The files of Reference_Center/page, compiled into the program; cmake/embed_files.cmake writes the table.
+// Files that are compiled into the program; cmake/embed_files.cmake writes the tables.
 #ifndef REFERENCE_CENTER_PAGE_FILES_HPP
 #define REFERENCE_CENTER_PAGE_FILES_HPP
 
@@ -13,7 +13,10 @@ struct page_file {
     std::span<unsigned char const> content;
 };
 
+/// Those of Reference_Center/page.
 std::span<page_file const> page_files();
+/// messages.txt alone.
+std::span<page_file const> message_files();
 
 } // namespace Zolt::Reference_Center
 

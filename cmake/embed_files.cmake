@@ -1,4 +1,9 @@
-# Writes a C++ table of files: cmake -DFILES="A;B" -DOUTPUT=FILE -P embed_files.cmake. Read Reference_Center/page_files.hpp.
+# Writes a C++ table of files: cmake -DFILES="A;B" -DOUTPUT=FILE [-DFUNCTION=NAME] -P embed_files.cmake. The function is
+# page_files unless another one is named. Read Reference_Center/page_files.hpp.
+
+if(NOT DEFINED FUNCTION)
+  set(FUNCTION page_files)
+endif()
 
 set(type_html "text/html; charset=utf-8")
 set(type_css "text/css; charset=utf-8")
@@ -34,7 +39,7 @@ ${rows}};
 
 } // namespace
 
-std::span<page_file const> page_files() {
+std::span<page_file const> ${FUNCTION}() {
     return c_files;
 }
 
