@@ -1,5 +1,6 @@
 """Connections as the dissector shows them: cut anywhere, seen from the middle, with gaps, with what no node sends."""
 
+import itertools
 import random
 import struct
 import unittest
@@ -42,8 +43,16 @@ class Streams:
         self.owners = []
 
     def send(self, *pieces):
+        self.send_at(*zip(itertools.accumulate([0, *map(len, pieces)]), pieces))
+
+    def send_at(self, *placed):
+        """Pieces, each with its place in the stream, in the order in which the capture saw them."""
         server = (f"10.1.{self.count() >> 8}.{self.count() & 255}", SERVER[1])
-        self.capture.connection(CLIENT, server, **self.how).send(0, *pieces)
+        connection = self.capture.connection(CLIENT, server, **self.how)
+        start = connection.next[0]
+        for place, piece in placed:
+            connection.next[0] = start + place
+            connection.send(0, piece)
         self.owners += [self.count()] * (len(self.capture.packets) - len(self.owners))
 
     def count(self):
@@ -73,19 +82,39 @@ class Cutting(unittest.TestCase):
         streams.send(*(STREAM[place:place + 1] for place in range(len(STREAM))))
         self.check(streams)
 
-    def test_anyhow_changes_nothing_in_a_second_pass_either(self):
+    def check_placed(self, order, *options):
+        """Streams in seven pieces, which the capture saw in the order that is made of them; in one pass and in two."""
         streams, chance = Streams(), random.Random(7)
-        for _ in range(200):
-            places = sorted(chance.sample(range(len(STREAM) + 1), 6))
-            streams.send(*(STREAM[first:last] for first, last in zip([0, *places], [*places, len(STREAM)]) if first != last))
-        self.check(streams)
-        self.check(streams, "-2")
+        for _ in range(100):
+            places = [0, *sorted(chance.sample(range(1, len(STREAM)), 6)), len(STREAM)]
+            streams.send_at(*order([(first, STREAM[first:last]) for first, last in itertools.pairwise(places)], chance))
+        self.check(streams, *options)
+        self.check(streams, "-2", *options)
+
+    def test_anyhow_changes_nothing_in_a_second_pass_either(self):
+        self.check_placed(lambda pieces, _: pieces)
+
+    def test_with_pieces_that_come_twice_changes_nothing(self):
+        self.check_placed(lambda pieces, chance: [piece for piece in pieces for _ in range(chance.choice((1, 2)))])
+
+    def test_with_pieces_that_come_too_late_changes_nothing(self):
+        def swap(pieces, chance):
+            place = chance.randrange(len(pieces) - 1)
+            return [*pieces[:place], pieces[place + 1], pieces[place], *pieces[place + 2:]]
+        self.check_placed(swap, "-o", "tcp.reassemble_out_of_order:TRUE")
 
     def test_needs_no_port_once_the_first_piece_tells_the_ports(self):
         streams = Streams()
         for place in range(8, len(STREAM), 20):
             streams.send(STREAM[:place], STREAM[place:])
         self.check(streams, "-o", "zolt.ports:", "-o", "tcp.try_heuristic_first:TRUE")
+
+    def test_where_nothing_tells_the_ports_needs_a_port_that_was_told(self):
+        capture, block = captures.Capture(), opening_block(CLIENT[1], 23456)
+        capture.connection(CLIENT, (SERVER[0], 23456)).send(0, block[:3], block[3:], PACKETS[0])
+        self.assertEqual(shown(dissection.dissect(capture)), [PACKETS[0]])
+        for option in (("-o", "zolt.ports:23456"), ("-d", "tcp.port==23456,zolt")):
+            self.assertEqual(shown(dissection.dissect(capture, *option)), [block, PACKETS[0]])
 
     def test_of_a_large_packet_changes_nothing(self):
         large = Packet(data=bytes(1 << 20)).pack()
