@@ -34,6 +34,11 @@ def dissect_stream(*pieces, options=(), **how):
     return dissection.dissect(capture, *options)
 
 
+def pieces_of(*sent):
+    """The pieces that are shown of a client's stream, whatever frame they stand in."""
+    return [piece for frame in dissect_stream(*sent) for piece in frame]
+
+
 class Streams:
     """Many connections in one capture, and what is shown of each."""
 
@@ -203,18 +208,11 @@ class Middle(unittest.TestCase):
 class Odd(unittest.TestCase):
     """What a receiver takes although no node with the reference host sends it."""
 
-    def pieces(self, *sent, **how):
-        """What is shown, with the blocks left out, in one pass; and the same in two."""
-        once, twice = ([piece for frame in dissect_stream(*sent, options=options, **how) for piece in frame]
-                       for options in ((), ("-2",)))
-        self.assertEqual([piece.values for piece in once], [piece.values for piece in twice])
-        return once
-
     def test_headers_are_shown_with_what_is_wrong(self):
         odd = [Packet(magic=b"ABCD", data=b"one").pack(), Packet(version=2, data=b"two").pack(),
                Packet(header_size=80, data=b"three").pack(), Packet(kind=10, flags=0x0004).pack(),
                Packet(magic=bytes(4), version=0, header_size=0).pack()]
-        pieces = self.pieces(BLOCK, *odd, PACKETS[0])
+        pieces = pieces_of(BLOCK, *odd, PACKETS[0])
         self.assertEqual([piece.shown_bytes() for piece in pieces], [BLOCK, *odd, PACKETS[0]])
         complaints = ["bad_magic", "bad_version", "bad_header_size", "bad_kind", "reserved_flags", "lost"]
         self.assertEqual([[name for name in complaints if piece.has(name)] for piece in pieces],
@@ -222,10 +220,10 @@ class Odd(unittest.TestCase):
 
     def test_blocks_are_shown_with_what_is_wrong(self):
         for block, complaint in ((opening_block(1, 2), "other_ports"), (BLOCK[:1000].ljust(1024, b"x"), "block_rest")):
-            pieces = self.pieces(block[:600], block[600:], PACKETS[0])
+            pieces = pieces_of(block[:600], block[600:], PACKETS[0])
             self.assertEqual([piece.shown_bytes() for piece in pieces], [block, PACKETS[0]])
             self.assertTrue(pieces[0].has(complaint), complaint)
-        self.assertEqual([piece.what for piece in self.pieces(bytes(1024), PACKETS[0])], ["unknown", "packet"])
+        self.assertEqual([piece.what for piece in pieces_of(bytes(1024), PACKETS[0])], ["unknown", "packet"])
 
     def test_ports_that_spell_the_magic_make_no_packet_of_a_block(self):
         ports = struct.unpack(">HH", b"ZOLT")
@@ -236,7 +234,7 @@ class Odd(unittest.TestCase):
 
     def test_sizes_are_not_waited_for(self):
         huge = Packet(data=b"some", data_size=2**32 - 1).pack()
-        pieces = self.pieces(BLOCK, huge, b"and more", PACKETS[0])
+        pieces = pieces_of(BLOCK, huge, b"and more", PACKETS[0])
         self.assertEqual([(piece.what, piece.has("too_large")) for piece in pieces],
                          [("block", False), ("packet", True), ("unknown", False), ("packet", False)])
         self.assertEqual((pieces[1].number("data_size"), pieces[1].bytes("data")), (2**32 - 1, b"some"))
@@ -248,7 +246,7 @@ class Odd(unittest.TestCase):
             self.assertEqual([piece.has("too_large") for frame in frames for piece in frame], [False, is_large])
 
     def test_details_have_names(self):
-        pieces = self.pieces(BLOCK, Packet(kind=CONTROL, detail=3).pack(), Packet(kind=ERROR, detail=1, error=0x40000001).pack(),
+        pieces = pieces_of(BLOCK, Packet(kind=CONTROL, detail=3).pack(), Packet(kind=ERROR, detail=1, error=0x40000001).pack(),
                              Packet(detail=9, flags=0x1201).pack())
         self.assertEqual([(piece.values.get("zolt.event"), piece.values.get("zolt.returned_kind"), piece.has("returned"))
                           for piece in pieces[1:]], [("3", None, False), (None, "1", True), (None, None, False)])
