@@ -18,8 +18,8 @@ def blocks(language):
 class Page(unittest.TestCase):
     def run_block(self, text):
         """Its output, with a home of its own and from the root of the tree."""
-        home = self.enterContext(tempfile.TemporaryDirectory())
-        environment = dict(os.environ, HOME=home, XDG_CONFIG_HOME=home, WIRESHARK_PLUGIN_DIR=home, LC_ALL="C.UTF-8", TZ="UTC")
+        home, empty = (self.enterContext(tempfile.TemporaryDirectory()) for _ in range(2))
+        environment = dict(os.environ, HOME=home, XDG_CONFIG_HOME=empty, WIRESHARK_PLUGIN_DIR=empty, LC_ALL="C.UTF-8", TZ="UTC")
         result = subprocess.run(["bash", "-e", "-c", text], cwd=dissection.ROOT, env=environment, capture_output=True,
                                 text=True, timeout=dissection.DEADLINE, check=False)
         self.assertEqual(result.returncode, 0, result.stderr)
