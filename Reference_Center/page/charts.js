@@ -49,7 +49,7 @@ export class chart {
             fill: index === 0 ? () => translucent(this.paint[line]) : undefined,
         }));
         this.plot = new uPlot({
-            ...this.size(), padding: small ? [4, 0, 2, 0] : [8, 8, 0, 0], legend: {show: false},
+            ...this.size(), padding: small ? [4, 0, 2, 0] : [8, 18, 0, 0], legend: {show: false},
             series: [{}, ...series], axes: axes(as, this.paint, small),
             scales: {x: {time: true, range: () => this.span()}, y: {range: (_, __, most) => [0, Math.max(1, most * 1.1)]}},
             cursor: {show: !small, y: false, drag: {x: false, y: false}, points: {size: 6}},

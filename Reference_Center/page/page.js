@@ -57,6 +57,7 @@ const closed_table = new table(by_id("closed"), {
         column("address", "Peer", (one) => one.address, format.text),
         column("reason", "Reason", (one) => one.reason, format.reason, {number: false}),
         column("detail", "Detail", (one) => one.detail, format.text),
+        column("times", "Times", (one) => one.times, format.count, busiest),
         column("over", "Opened by", (one) => opened_by[one.over], format.text),
         column("lasted_s", "Lasted", (one) => one.lasted_s, format.duration, busiest),
         column("packets_in", "Packets in", (one) => one.in.packets, format.count, busiest),

@@ -15,6 +15,7 @@ export class peer_list {
         this.gone = new Map();
         this.reasons = new Map();
         this.order = new Map(); // by first sight, so that nobody moves in the drawing for no reason
+        this.seen = 0;
     }
 
     /// Takes what the Center that was started then named at that time; true when a peer came, left or changed its state.
@@ -64,7 +65,7 @@ export class peer_list {
         const all = [...this.present.values(), ...this.gone.values()];
         for (const peer of all) {
             if (!this.order.has(peer.key)) {
-                this.order.set(peer.key, this.order.size === 0 ? 0 : [...this.order.values()].at(-1) + 1);
+                this.order.set(peer.key, this.seen++);
             }
             peer.fades = peer.shown === "gone" && now - peer.left > red_ms;
             peer.reason = peer.shown === "established" ? undefined : this.reasons.get(peer.key);

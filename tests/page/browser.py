@@ -1,5 +1,6 @@
 """Chromium without a window, driven by the WebDriver protocol with nothing but the standard library."""
 
+import atexit
 import base64
 import contextlib
 import json
@@ -8,13 +9,14 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import urllib.error
 import urllib.request
 
-DEADLINE = 30
+DEADLINE = 120
 NO_PROXY = urllib.request.build_opener(urllib.request.ProxyHandler({}))
 ELEMENT = "element-6066-11e4-a52e-4f735466cecf"
 # Nothing that leaves this machine, nothing that starts later; neither a sandbox, which root and containers cannot have and
@@ -49,6 +51,9 @@ class Browser:
                                        stderr=subprocess.DEVNULL, text=True, start_new_session=True,
                                        env={**os.environ, "HOME": self.profile, "TMPDIR": self.profile})
         self.session = None
+        # A test that is ended from outside ends its browser too.
+        atexit.register(self.close)
+        signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
         try:
             self.base = f"http://127.0.0.1:{self.read_port()}"
             self.session = self.call("POST", "/session", {"capabilities": {"alwaysMatch": self.capabilities()}})["sessionId"]
@@ -74,6 +79,7 @@ class Browser:
         self.close()
 
     def close(self):
+        atexit.unregister(self.close)
         if self.session is not None:
             with contextlib.suppress(OSError, AssertionError):
                 self.call("DELETE", f"/session/{self.session}")

@@ -32,7 +32,7 @@ def peer(address, over="accepted", state="established", **more):
 
 def closed(address, reason, over="accepted", detail="", **more):
     return {"address": address, "over": over, "reason": reason, "detail": detail, "closed_unix_ms": round(time.time() * 1000),
-            "lasted_s": 61.5, "in": traffic(7, 4480), "out": traffic(5, 320), **more}
+            "lasted_s": 61.5, "times": 1, "in": traffic(7, 4480), "out": traffic(5, 320), **more}
 
 
 def status():

@@ -183,7 +183,7 @@ class Figures(Page):
         self.center.show_peers([peer("10.0.0.2:7000", "outgoing", since_s=75.2, silent_s=1.25,
                                      rates=rates(12, 3456, 789.4, 1_234_567), queue=traffic(5, 4321),
                                      latency_us=latency(10, 50, 60, 4700, 9000))])
-        self.center.change(closed={"closed": [closed(f"10.0.0.{number}:7000", reason, detail=f"detail {number}")
+        self.center.change(closed={"closed": [closed(f"10.0.0.{number}:7000", reason, detail=f"detail {number}", times=number + 1)
                                               for number, reason in enumerate(reasons)]})
         self.open()
         space = NARROW_SPACE
@@ -196,7 +196,7 @@ class Figures(Page):
         one = self.center.answers["closed"]["closed"][3]
         self.assertEqual(cells(f"{one['closed_unix_ms']} accepted 10.0.0.3:7000 1"), {
             "closed_unix_ms": time.strftime("%H:%M:%S", time.localtime(one["closed_unix_ms"] // 1000)),
-            "address": "10.0.0.3:7000", "reason": "deleted", "detail": "detail 3", "over": "the peer",
+            "address": "10.0.0.3:7000", "reason": "deleted", "detail": "detail 3", "times": "4", "over": "the peer",
             "lasted_s": f"1{space}min{space}2{space}s", "packets_in": "7", "packets_out": "5", "bytes_in": f"4.48{space}kB",
             "bytes_out": f"320{space}B"})
         self.assertEqual(self.center.asked["config"], 0)
