@@ -1,13 +1,11 @@
 // zolt-center config: what the relay makes of its configuration file.
+#include "Reference_Center/configuration.hpp"
 #include "Reference_Center/configuration_check.hpp"
-#include "Reference_Center/configuration_keys.hpp"
 #include "Reference_Center/configuration_values.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/output.hpp"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fmt/format.h>
 #include <memory>
 
@@ -20,27 +18,6 @@ struct config_options {
     bool origin = false;
     bool json = false;
 };
-
-/// The file that is looked at, and its bytes. Only the relay's own file may be absent.
-struct configuration_text {
-    std::string file;
-    bool is_present = true;
-    std::string bytes;
-};
-
-configuration_text read_text(std::string const& chosen) {
-    configuration_text text{chosen.empty() ? c_relays_file : chosen, true, ""};
-    int const error = Reference_Host::read_ini_text(text.file.c_str(), text.bytes);
-    if (chosen.empty() && (error == ENOENT || error == ENOTDIR)) {
-        text.is_present = false;
-        return text;
-    }
-    if (error != 0) {
-        throw failure(exit_code::bad_configuration,
-                      fmt::format("cannot read configuration file {}: {}", text.file, std::strerror(error)));
-    }
-    return text;
-}
 
 // --- check -----------------------------------------------------------------------------------------------------
 
@@ -89,7 +66,7 @@ void tell_findings_json(configuration_text const& text, std::vector<finding> con
 }
 
 int run_check(config_options const& options) {
-    configuration_text const text = read_text(options.file);
+    configuration_text const text = read_configuration_text(options.file);
     std::vector<finding> findings;
     if (text.is_present) {
         findings = check_configuration(text.bytes, read_backlog_cap());
@@ -142,7 +119,7 @@ void tell_values(configuration_text const& text, std::vector<key_value> const& v
 }
 
 int run_show(config_options const& options) {
-    configuration_text const text = read_text(options.file);
+    configuration_text const text = read_configuration_text(options.file);
     std::vector<key_value> const values = read_key_values(Reference_Host::parse_ini(text.bytes));
     if (options.json) {
         json_object keys = json_object::array();

@@ -21,6 +21,7 @@ void add_listen_command(CLI::App& app, action& chosen);
 void add_ping_command(CLI::App& app, action& chosen);
 void add_demo_command(CLI::App& app, action& chosen);
 void add_demo_node_command(CLI::App& app, action& chosen);
+void add_doctor_command(CLI::App& app, action& chosen);
 void add_explain_command(CLI::App& app, action& chosen);
 void add_completion_command(CLI::App& app, action& chosen);
 void add_config_command(CLI::App& app, action& chosen);

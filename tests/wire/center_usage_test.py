@@ -17,6 +17,7 @@ COMMANDS = {
     "ping": ["--to", "--port", "--count", "--interval", "--timeout", "--size", "--signal"],
     "demo": ["--part", "--file", "--udp-size", "--tcp-size", "--drop", "--seconds", "--loopback"],
     "config": ["check", "show"],
+    "doctor": ["--port", "--peer", "--config", "--json"],
     "explain": ["--lang", "--all", "--markdown", "--json"],
     "completion": ["bash|zsh|fish"],
     "version": ["--json"],
@@ -27,7 +28,8 @@ WRONG_USAGE = [
     ([], "subcommand is required"),
     (["lisen"], 'unknown command "lisen"; did you mean "listen"?'),
     (["pign"], 'did you mean "ping"?'),
-    (["somersault"], 'unknown command "somersault"; the commands are run, demo, send, listen, ping, config, explain, completion, version'),
+    (["somersault"], 'unknown command "somersault"; the commands are run, demo, send, listen, ping, config, doctor, '
+                     'explain, completion, version'),
     (["run"], "give at least one --listen or --connect"),
     (["run", "--lissten", "7000"], "--lissten"),
     (["run", "--listen", "65536"], '"65536" is no port; a port is a number from 1 to 65535'),
