@@ -62,6 +62,16 @@ void describe_program(CLI::App& app, action& chosen) {
         "\"zolt-center COMMAND --help\" tells more about one command.");
 }
 
+/// What is missing; or rather what is wrong, when something stands there that nobody knows.
+std::string describe_missing(CLI::App const& app, CLI::RequiredError const& error) {
+    for (std::string const& argument : app.remaining(true)) {
+        if (argument != "--json") {
+            return fmt::format("The following argument was not expected: {}", argument);
+        }
+    }
+    return error.what();
+}
+
 /// True when help was asked for, and given.
 bool parse(CLI::App& app, std::vector<std::string> arguments) {
     std::reverse(arguments.begin(), arguments.end());
@@ -74,6 +84,8 @@ bool parse(CLI::App& app, std::vector<std::string> arguments) {
         app.exit(asked, text, unused);
         write_out(text.str());
         return true;
+    } catch (CLI::RequiredError const& error) {
+        throw failure(exit_code::wrong_usage, describe_missing(app, error));
     } catch (CLI::ParseError const& error) {
         throw failure(exit_code::wrong_usage, error.what());
     }

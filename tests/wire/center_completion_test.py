@@ -30,18 +30,6 @@ def help_of(path):
     return support.call(*path, "--help").stdout.decode()
 
 
-def commands_in(text):
-    """The names that help lists below "Subcommands:"."""
-    listed = text.partition("Subcommands:\n")[2].partition("\n\n")[0]
-    return re.findall(r"^  ([a-z]\S*) ", listed, re.MULTILINE)
-
-
-def all_commands(path=()):
-    yield path
-    for name in commands_in(help_of(path)):
-        yield from all_commands((*path, name))
-
-
 def options_in(text):
     return re.findall(r"^  (?:-\w,)?(--[a-z-]+)", text, re.MULTILINE)
 
@@ -60,13 +48,13 @@ class InBash(unittest.TestCase):
         return [word for word in result.stdout.decode().split("\n") if word]
 
     def test_commands_are_those_of_help(self):
-        self.assertEqual([word for word in self.complete("") if not word.startswith("-")], commands_in(help_of(())))
+        self.assertEqual([word for word in self.complete("") if not word.startswith("-")], support.commands_in(help_of(())))
         self.assertEqual(self.complete("comp"), ["completion"])
         self.assertEqual(self.complete("config", "s"), ["show"])
         self.assertEqual(self.complete("somersault"), [])
 
     def test_options_of_every_command_are_those_of_help(self):
-        commands = list(all_commands())
+        commands = list(support.all_commands())
         self.assertGreaterEqual(len(commands), 11)
         for path in commands:
             wanted = options_in(help_of(path))
@@ -109,7 +97,7 @@ class InBash(unittest.TestCase):
 class AnyShell(unittest.TestCase):
     def test_knows_every_command_and_option(self):
         zsh, fish = script("zsh"), script("fish")
-        for path in all_commands():
+        for path in support.all_commands():
             for option in options_in(help_of(path)):
                 self.assertIn(f"'{option}:", zsh)
                 self.assertIn(f" -l {option[2:]} ", fish)

@@ -57,15 +57,6 @@ class Doctor(unittest.TestCase):
                     return check
         raise AssertionError(f"{name} never becomes a {result}")
 
-    def closed_first(self):
-        """A connection that this side closed first: its own port, and the port that was served."""
-        with socket.create_server(("127.0.0.1", 0)) as listening:
-            with socket.create_connection(listening.getsockname()) as client, contextlib.closing(listening.accept()[0]) as far:
-                own = client.getsockname()[1]
-                client.shutdown(socket.SHUT_WR)
-                self.assertEqual(far.recv(1), b"")
-            return own, listening.getsockname()[1]
-
 
 class Port(Doctor):
     def test_that_is_free_is_fine(self):
@@ -82,13 +73,14 @@ class Port(Doctor):
             self.assertEqual(check["advice"], "end that process, or serve another port")
 
     def test_that_a_closed_connection_keeps_is_told_with_the_seconds(self):
-        own, _ = self.closed_first()
+        own, _ = support.closed_first()
         check = self.find(self.examine("--port", own), f"port {own}", "problem")
         self.assertRegex(check["text"], r"keeps for ([1-9]|[1-5]\d|6[01]) more seconds$")
         self.assertIn("--wait-port", check["advice"])
 
     def test_that_a_center_serves_is_only_a_warning(self):
-        center, port = support.start_on_port(lambda port: ["run", "--listen", port, "--admin", "none"], "stdout", "ready")
+        center, port = support.start_on_port(lambda port: ["run", "--listen", port, "--admin", "none"], "stdout",
+                                             "ready")
         with center:
             checks = self.examine("--port", port)
             self.expect(checks, f"port {port}", "warning", f"pid {center.pid} (zolt-center)")
@@ -97,7 +89,8 @@ class Port(Doctor):
 
     def test_that_the_kernel_gives_out_is_warned_of(self):
         _, port = self.hold()
-        check = [one for one in self.examine("--port", port) if "gives out" in one["text"] and one["check"] == f"port {port}"]
+        check = [one for one in self.examine("--port", port)
+                 if "gives out" in one["text"] and one["check"] == f"port {port}"]
         self.assertEqual([one["result"] for one in check], ["warning"])
         self.assertIn(f"ip_local_reserved_ports={port}", check[0]["advice"])
 
@@ -148,7 +141,7 @@ class Peer(Doctor):
         self.assertIn("start the peer's Center", check["advice"])
 
     def test_whose_connection_is_kept_is_told_with_the_seconds(self):
-        own, served = self.closed_first()
+        own, served = support.closed_first()
         warnings = [check for check in self.examine("--peer", f"127.0.0.1:{served}") if check["result"] == "warning"]
         kept = [check for check in warnings if "this side closed" in check["text"]]
         self.assertEqual(len(kept), 1, warnings)

@@ -5,7 +5,6 @@ import contextlib
 import json
 import os
 import pathlib
-import re
 import signal
 import socket
 import tempfile
@@ -81,19 +80,12 @@ BAD_STATE = [
 
 # Each command that gives objects, in a run that ends well or badly by itself.
 OBJECTS = ["version", "config check", "config show", "config check {wrong_value}", "explain silent", "explain --all",
-           "doctor", "run --listen {free} --seconds 0.05 --admin none", "listen --port {free} --seconds 0.05",
+           "doctor", "run --listen {free} --seconds 0.05 --admin none", "listen --port {free} --seconds 0.05 --count 1",
            "ping --to 127.0.0.1:{refused} --wait 0.05", "send --to 127.0.0.1:{refused} --wait 0.05"]
 
 FILES = {"broken": b"[ZOLT]\nbacklog five\n", "not_utf8": b"[ZOLT]\nCLIENT_LINGER_TIME = \xff\n",
          "unknown_key": b"[ZOLT]\nBACKLOG = 5\n", "wrong_value": b"[ZOLT]\nAUTO_DISCONNECT = off\n",
          "no_effect": b"[ZOLT]\nSERVER_LINGER_TIME = 5\n"}
-
-
-def all_commands(path=()):
-    yield path
-    listed = support.call(*path, "--help").stdout.decode().partition("Subcommands:\n")[2].partition("\n\n")[0]
-    for name in re.findall(r"^  ([a-z]\S*) ", listed, re.MULTILINE):
-        yield from all_commands((*path, name))
 
 
 class Things(unittest.TestCase):
@@ -104,7 +96,8 @@ class Things(unittest.TestCase):
         cls.stack = contextlib.ExitStack()
         cls.addClassCleanup(cls.stack.close)
         cls.folder = pathlib.Path(cls.stack.enter_context(tempfile.TemporaryDirectory()))
-        cls.things = {"folder": cls.folder, "missing": cls.folder / "none", "loop": cls.folder / "loop", "pid": os.getpid()}
+        cls.things = {"folder": cls.folder, "missing": cls.folder / "none", "loop": cls.folder / "loop",
+                      "pid": os.getpid()}
         os.symlink(cls.things["loop"], cls.things["loop"])
         for name, content in FILES.items():
             cls.things[name] = cls.folder / f"{name}.ini"
@@ -113,7 +106,6 @@ class Things(unittest.TestCase):
         cls.things["refused"] = cls.held(socket.SOCK_STREAM)
         silent = cls.stack.enter_context(socket.create_server(("127.0.0.1", 0)))
         cls.things["silent"] = silent.getsockname()[1]  # connects, and says nothing
-        cls.things["kept"] = cls.kept_port()
 
     @classmethod
     def held(cls, kind):
@@ -121,17 +113,12 @@ class Things(unittest.TestCase):
         one.bind(("", 0))
         return one.getsockname()[1]
 
-    @staticmethod
-    def kept_port():
-        """The port of a client that closed first."""
-        with socket.create_server(("127.0.0.1", 0)) as listening:
-            with socket.create_connection(listening.getsockname()) as client, contextlib.closing(listening.accept()[0]) as far:
-                client.shutdown(socket.SHUT_WR)
-                far.recv(1)
-                return client.getsockname()[1]
-
     def fill(self, text):
-        return text.format(**self.things, free=support.free_port() if "{free}" in text else 0)
+        """With a new port wherever the old one may not be what it was."""
+        for name, make in (("free", support.free_port), ("kept", lambda: support.closed_first()[0])):
+            if f"{{{name}}}" in text:
+                self.things[name] = make()
+        return text.format(**self.things)
 
     def run_filled(self, arguments, *more, **options):
         return support.call(*self.fill(arguments).split(), *more, **options)
@@ -145,7 +132,7 @@ class ExitCode(Things):
                 result = self.run_filled(arguments)
                 said = [line for line in result.stderr.decode().splitlines() if line.startswith("zolt-center: ")]
                 self.assertEqual((result.returncode, len(said)), (code, 1), result)
-                self.assertIn(self.fill(text), said[0])
+                self.assertIn(text.format(**self.things), said[0])
                 self.assertEqual(result.stdout.count(b"\n"), 1 if b"ready" in result.stdout else 0, result)
 
     def test_of_bad_input_is_that_of_the_object_too(self):
@@ -164,7 +151,7 @@ class ExitCode(Things):
             with self.subTest(arguments=arguments):
                 result = self.run_filled(arguments)
                 self.assertEqual((result.returncode, result.stderr), (code, b""), result)
-                self.assertIn(self.fill(text), result.stdout.decode())
+                self.assertIn(text.format(**self.things), result.stdout.decode())
 
     def test_of_a_port_that_is_not_permitted_is_4(self):
         with open("/proc/sys/net/ipv4/ip_unprivileged_port_start", encoding="ascii") as file:
@@ -208,13 +195,13 @@ class ExitCode(Things):
 
 class Output(Things):
     def test_of_every_command_keeps_escape_codes_out_of_pipes(self):
-        for path in all_commands():
+        for path in support.all_commands():
             for arguments in ((*path, "--help"), (*path, "--no-such-option")):
                 result = support.call(*arguments, env={**os.environ, "TERM": "xterm-256color"})
                 self.assertNotIn(b"\x1b", result.stdout + result.stderr, arguments)
 
     def test_of_a_wrong_option_is_one_line_or_one_object(self):
-        commands = list(all_commands())
+        commands = list(support.all_commands())
         self.assertGreaterEqual(len(commands), 13)
         for path in commands:
             result = support.call(*path, "--no-such-option")

@@ -3,6 +3,7 @@
 import contextlib
 import os
 import random
+import re
 import select
 import socket
 import struct
@@ -139,6 +140,29 @@ def start_on_port(arguments, stream, text, **options):
             with program:
                 if program.process.wait(DEADLINE) != 4:
                     raise
+
+
+def all_commands(path=()):
+    """Every command that help lists, with those below it, as words; the program itself first."""
+    yield path
+    for name in commands_in(call(*path, "--help").stdout.decode()):
+        yield from all_commands((*path, name))
+
+
+def commands_in(text):
+    """The names that help lists below "Subcommands:"."""
+    listed = text.partition("Subcommands:\n")[2].partition("\n\n")[0]
+    return re.findall(r"^  ([a-z]\S*) ", listed, re.MULTILINE)
+
+
+def closed_first():
+    """The ports of a connection that its client closed first, which the kernel keeps: the client's and the served one."""
+    with socket.create_server(("127.0.0.1", 0)) as listening:
+        with socket.create_connection(listening.getsockname()) as client, listening.accept()[0] as far:
+            client.shutdown(socket.SHUT_WR)
+            if far.recv(1):
+                raise AssertionError("a byte that nobody sent")
+            return client.getsockname()[1], listening.getsockname()[1]
 
 
 def make_packet(data=b"", kind=DATA, flags=0, sequence=0, code=0, version=1):
