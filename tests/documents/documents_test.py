@@ -1,5 +1,5 @@
-"""Every shell block of README and the guides is run as a reader would type it, in the order of the page; every link leads
-somewhere; every piece of C++ stands in a file that is compiled.
+"""Every shell block of README and the guides is run as a reader would type it, in the order of the page; every link
+leads somewhere; every piece of C++ stands in a file that is compiled.
 
 Usage: documents_test.py CENTER [UNITTEST ARGUMENT...], with BUILD_FOLDER in the environment.
 """
@@ -34,8 +34,8 @@ def is_workshop(block):
 
 
 class Session:
-    """A shell in a network and a folder of its own, fed block by block. In the folder stands what the tree's root holds,
-    and the build that is tested as the one that "./dev demo" makes."""
+    """A shell in a network and a folder of its own, fed block by block. In the folder stands what the tree's root
+    holds, and the build that is tested as the one that "./dev demo" makes."""
 
     def __init__(self, folder, path):
         for entry in pages.ROOT.iterdir():
@@ -44,8 +44,8 @@ class Session:
         (folder / "build").mkdir()
         (folder / "build/release").symlink_to(os.environ["BUILD_FOLDER"])
         environment = {**os.environ, "PATH": path, "HOME": str(folder), "LC_ALL": "C.UTF-8"}
-        self.shell = support.Running(*support.IN_A_NETWORK[1:], "bash", "-s", program=support.IN_A_NETWORK[0], cwd=folder,
-                                     env=environment, stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.shell = support.Running(*support.IN_A_NETWORK[1:], "bash", "-s", program=support.IN_A_NETWORK[0],
+                                     cwd=folder, env=environment, stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.type("set -euo pipefail")
         self.settled = self.started = self.seen = 0
 
@@ -63,8 +63,10 @@ class Session:
         self.type("{\n" + block.text + f"}} </dev/null\necho {SETTLED}")
         self.settled += 1
         self.started += len(re.findall(r" &$", block.text, re.MULTILINE))
-        self.wait_until(lambda: self.text().count(SETTLED) == self.settled and len(READY.findall(self.text())) >= self.started,
-                        f"{block.where}: does not end")
+        self.wait_until(self.is_settled, f"{block.where}: does not end")
+
+    def is_settled(self):
+        return self.text().count(SETTLED) == self.settled and len(READY.findall(self.text())) >= self.started
 
     def expect(self, block):
         """The block before has printed these lines in this order, whatever the numbers in them, and maybe others."""

@@ -186,17 +186,26 @@ class OwnHost(Example):
         greeting.wait_for("stdout", f"packet from 127.0.0.1:{port} you said hello\n")
         self.assertRegex(self.end(greeting), rf"connected 127.0.0.1:{port} \n")
         self.assertRegex(node.wait_for("stdout", "disconnected "),
-                         r"(?s)connected 127\.0\.0\.1:(\d+) \npacket from 127\.0\.0\.1:\1 hello\n.*disconnected 127\.0\.0\.1:\1")
+                         r"(?s)connected 127\.0\.0\.1:(\d+) \npacket from 127\.0\.0\.1:\1 hello\n"
+                         r".*disconnected 127\.0\.0\.1:\1")
         self.end(node, signal.SIGINT)
+
+    def read_packet(self, peer):
+        """The kind and the data of the next packet."""
+        version, size, kind = OWN_HEADER.unpack(peer.read(OWN_HEADER.size))
+        self.assertEqual(version, OWN_VERSION)
+        return kind, peer.read(size)
 
     def hello(self, peer):
         """The data of the next packet that is no heartbeat."""
-        while True:
-            version, size, kind = OWN_HEADER.unpack(peer.read(OWN_HEADER.size))
-            self.assertEqual(version, OWN_VERSION)
-            data = peer.read(size)
-            if kind != OWN_HEARTBEAT:
-                return data
+        return next(data for kind, data in iter(lambda: self.read_packet(peer), None) if kind != OWN_HEARTBEAT)
+
+    def test_sends_the_same_heartbeat_again_and_again(self):
+        node, port = self.serve("own_host")
+        with support.Peer.connect(port) as peer, support.Peer.connect(port) as other:
+            for _ in range(3):
+                self.assertEqual([self.read_packet(end) for end in (peer, other)], [(OWN_HEARTBEAT, b"")] * 2)
+        self.end(node)
 
     def test_connects_again_when_its_connection_ended(self):
         with socket.create_server(("127.0.0.1", 0)) as listening:
@@ -217,7 +226,8 @@ class OwnHost(Example):
         self.end(node)
 
     def test_stands_without_the_reference_host(self):
-        needed = subprocess.run(["readelf", "-d", program("own_host")], capture_output=True, text=True, check=True).stdout
+        needed = subprocess.run(["readelf", "-d", program("own_host")], capture_output=True, text=True,
+                                check=True).stdout
         self.assertIn("libinet_relay", needed)
         self.assertNotIn("reference_host", needed)
 
