@@ -22,13 +22,11 @@ def figures():
 
 class Figures(unittest.TestCase):
     def test_are_lines_of_the_page_that_the_bench_wrote(self):
-        if not BENCHMARKS.exists():
-            self.assertEqual(figures(), [])
-            return
-        measured = set(BENCHMARKS.read_text(encoding="utf-8").splitlines())
-        self.assertGreaterEqual(len(figures()), FEWEST + 2)  # a head and its rule besides
+        measured = BENCHMARKS.read_text(encoding="utf-8").splitlines() if BENCHMARKS.exists() else []
         self.assertEqual([line for line in figures() if line not in measured], [])
-        self.assertIn("./dev bench", pages.read("README.md"))
+        if BEGIN in pages.read("README.md"):
+            self.assertGreaterEqual(len(figures()), FEWEST + 2)  # a head and its rule besides
+            self.assertIn("./dev bench", pages.read("README.md"))
 
 
 if __name__ == "__main__":
