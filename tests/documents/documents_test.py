@@ -7,6 +7,7 @@ Usage: documents_test.py CENTER [UNITTEST ARGUMENT...], with BUILD_FOLDER in the
 import os
 import re
 import select
+import signal
 import subprocess
 import tempfile
 import time
@@ -45,11 +46,14 @@ class Session:
         (folder / "build/release").symlink_to(os.environ["BUILD_FOLDER"])
         environment = {**os.environ, "PATH": path, "HOME": str(folder), "LC_ALL": "C.UTF-8"}
         self.shell = support.Running(*support.IN_A_NETWORK[1:], "bash", "-s", program=support.IN_A_NETWORK[0],
-                                     cwd=folder, env=environment, stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
+                                     cwd=folder, env=environment, stdin=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                     start_new_session=True)
         self.type("set -euo pipefail")
         self.settled = self.started = self.seen = 0
 
     def close(self):
+        """Also what a block that failed has left in the background goes."""
+        os.killpg(self.shell.pid, signal.SIGKILL)
         self.shell.process.stdin.close()
         self.shell.__exit__()
 
