@@ -21,14 +21,15 @@ while(completions)
 endwhile()
 
 file(GLOB parts CONFIGURE_DEPENDS packaging/manual/parts/*.roff)
-set(header ${PROJECT_SOURCE_DIR}/Center/INet_Relay/EPoll/inet_relay_epoll.hpp)
+set(told_by ${PROJECT_SOURCE_DIR}/Center/INet_Relay/EPoll/inet_relay_epoll.hpp
+  ${PROJECT_SOURCE_DIR}/Reference_Center/messages.txt)
 set(make_pages ${PROJECT_SOURCE_DIR}/packaging/manual/make_pages.py)
 add_custom_command(OUTPUT ${made}/stamp VERBATIM
   ${make_completions}
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${made}/man
-  COMMAND Python3::Interpreter -B ${make_pages} $<TARGET_FILE:zolt-center> ${header} ${made}/man
+  COMMAND Python3::Interpreter -B ${make_pages} $<TARGET_FILE:zolt-center> ${PROJECT_SOURCE_DIR} ${made}/man
   COMMAND ${CMAKE_COMMAND} -E touch ${made}/stamp
-  DEPENDS zolt-center ${header} ${make_pages} ${parts})
+  DEPENDS zolt-center ${told_by} ${make_pages} ${parts})
 add_custom_target(manual ALL DEPENDS ${made}/stamp)
 
 foreach(section 1 3 5 7)

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Writes the manual pages: those of the commands and of zolt.ini from what the program tells about itself, that of the
-operations from the relay's public header. What nothing else knows stands in parts/, one file a page.
+messages from the table that it explains them by, that of the operations from the relay's public header. What nothing else
+knows stands in parts/, one file a page.
 
-Usage: make_pages.py PROGRAM HEADER FOLDER
+Usage: make_pages.py PROGRAM SOURCE FOLDER
 """
 
 import json
@@ -149,6 +150,41 @@ def configuration_page(keys, version):
     return page
 
 
+# --- messages ---------------------------------------------------------------------------------------------------
+
+
+def read_messages(table):
+    """(code, texts, sentences by name) of each entry, below the titles of the groups; the table tells how it is written."""
+    groups = []
+    for line in table.splitlines():
+        kind, _, text = line.partition(": ")
+        if line.startswith("== "):
+            groups.append((line[3:].split(" | ")[1], []))
+        elif line.startswith("["):
+            groups[-1][1].append((line.strip("[]"), [], {}))
+        elif kind in ("text", "exact"):
+            groups[-1][1][-1][1].append(text)
+        elif kind in ("meaning", "cause", "next"):
+            groups[-1][1][-1][2][kind] = text
+    return groups
+
+
+def message_lines(code, texts, sentences):
+    yield from tagged(bold(code), sentences["meaning"])
+    yield from (f".br\n{italic(text)}" for text in texts)
+    yield from (f".br\n{kind.capitalize()}: {escape(sentences[kind])}" for kind in ("cause", "next"))
+
+
+def messages_page(groups, version):
+    page = Page("zolt-messages", 7, version, "what the relay and zolt-center print, and their codes")
+    page.section("DESCRIPTION", *paragraphs(
+        "Each code with the texts that it stands for, as printed; what stands in braces is filled in. "
+        "\"zolt-center explain\" tells the same of one line, in Korean too."))
+    for title, entries in groups:
+        page.section(title.upper(), *(line for entry in entries for line in message_lines(*entry)))
+    return page
+
+
 # --- operations -------------------------------------------------------------------------------------------------
 
 
@@ -174,11 +210,14 @@ def operations_page(header, version):
     return page
 
 
-def main(program, header, folder):
+def main(program, source, folder):
+    header, table = (Path(source, name).read_text(encoding="utf-8") for name in (
+        "Center/INet_Relay/EPoll/inet_relay_epoll.hpp", "Reference_Center/messages.txt"))
     told = json.loads(subprocess.run((program, "manual"), check=True, capture_output=True, text=True).stdout)
     version = told["version"]
     pages = [program_page(told["program"], version), *(command_page(each, version) for each in told["program"]["commands"]),
-             configuration_page(told["keys"], version), operations_page(Path(header).read_text(encoding="utf-8"), version)]
+             configuration_page(told["keys"], version), messages_page(read_messages(table), version),
+             operations_page(header, version)]
     Path(folder).mkdir(parents=True, exist_ok=True)
     commands = [page.file for page in pages if page.file.startswith("zolt-center-")]
     common = [page.file for page in pages if page.file not in commands]

@@ -16,8 +16,6 @@ SOURCE, PROGRAM = Path(sys.argv.pop(1)), sys.argv.pop(1)
 sys.path.insert(0, str(SOURCE / "packaging/manual"))
 import make_pages  # noqa: E402  (only now it can be found)
 
-HEADER = SOURCE / "Center/INet_Relay/EPoll/inet_relay_epoll.hpp"
-
 
 def run(*command, **options):
     return subprocess.run(command, check=True, capture_output=True, text=True, timeout=60, **options)
@@ -40,7 +38,7 @@ class Manual(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        make_pages.main(PROGRAM, HEADER, cls.folder)
+        make_pages.main(PROGRAM, SOURCE, cls.folder)
 
     def show(self, page):
         """The page as man shows it, and what man says against it."""
@@ -81,6 +79,14 @@ class Manual(unittest.TestCase):
         self.assertEqual(len(keys), 9)
         for key in keys:
             self.assertRegex(shown, rf"(?m)^       {key}$")
+
+    def test_every_message(self):
+        shown = self.show("zolt-messages.7")[0]
+        table = (SOURCE / "Reference_Center/messages.txt").read_text(encoding="utf-8")
+        codes = re.findall(r"^\[(.+)\]$", table, re.MULTILINE)
+        self.assertGreater(len(codes), 100)
+        for code in codes:
+            self.assertRegex(shown, rf"(?m)^       {re.escape(code)}( |$)")
 
     def test_every_operation(self):
         shown = " ".join(self.show("inet_relay.3")[0].split())
