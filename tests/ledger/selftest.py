@@ -30,6 +30,10 @@ class PlantedInTree(unittest.TestCase):
         self.root = Path(folder.name) / "tree"
         for name in ("Center", "Host", "docs", "tests/ledger"):
             shutil.copytree(ROOT / name, self.root / name, ignore=shutil.ignore_patterns("__pycache__"))
+        # What the documents link to besides.
+        for name in ("ARCHITECTURE.md", "LICENSE", "Config/zolt.ini", "examples/own_host/host.cpp", "examples/echo.cpp"):
+            (self.root / name).parent.mkdir(parents=True, exist_ok=True)
+            (self.root / name).touch()
 
     def plant(self, path, text):
         planted = self.root / path
