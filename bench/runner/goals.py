@@ -172,7 +172,8 @@ def at_rest():
 
 def memory():
     per_connection = [at_most(3900, f"heap_{end}_bytes_per_connection", "") for end in ("near", "far")]
-    yield row("memory", "memory, 8,000 connections at rest", (JUDGED,), per_connection, shown=(LIMIT, "zmq", "nng"),
+    # nng is left out: with so many connections it does not always come to an end.
+    yield row("memory", "memory, 8,000 connections at rest", (JUDGED,), per_connection, shown=(LIMIT, "zmq"),
               seconds=None, rounds=1, quick=None, connections=8000, count=0)
     growth = [at_most(0, f"growth_{end}_bytes", "") for end in ("near", "far")]
     yield row("memory", "memory after 10,000,000 packets", (JUDGED,), growth, seconds=None, rounds=1, quick=None,
