@@ -230,5 +230,5 @@ TRIED = {
             "Dropped: fetching the next record ahead, which gained 5 to 11 percent of a tick for a dozen lines.",
     "memory": "Kept: what only listening and UDP sockets need has left the record, its flags stand in gaps. An outgoing "
               "connection also has an entry in the count of registrations.",
-    "setup": "Nothing was tried.",
+    "setup": "Set-up is a connect, the exchange and two notices; nothing was tried.",
 }

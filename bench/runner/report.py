@@ -139,15 +139,20 @@ def missed_section(measured, rows, profiles):
     yield ("Samples of the processor's time during one more run of each, set-up included; of connections at rest only those "
            "of the timer's thread.")
     yield ""
-    for row, judged in found:
-        yield f"### {row.title}"
-        yield ""
-        yield "; ".join(f"`{verdict.bar.figure}`: {verdict.of_bar()}, bar {verdict.bar_text()}" for verdict in judged) + "."
-        yield ""
-        taken = profiles.get(row.case, "no profile was taken")
-        yield from (taken, "") if isinstance(taken, str) else profile_lines(taken)
-        if row.case.subject in goals.TRIED:
-            yield from (goals.TRIED[row.case.subject], "")
+    for subject in dict.fromkeys(row.case.subject for row, _ in found):
+        title = SUBJECTS[subject][0] if subject in SUBJECTS else "Single costs"
+        yield from (f"### {title}", "")
+        yield from (goals.TRIED[subject], "") if subject in goals.TRIED else ()
+        for row, judged in found:
+            if row.case.subject == subject:
+                yield from missed_row(row, judged, profiles.get(row.case, "No profile was taken."))
+
+
+def missed_row(row, judged, taken):
+    bars = "; ".join(f"`{verdict.bar.figure}` {verdict.of_bar()}, bar {verdict.bar_text()}" for verdict in judged)
+    yield f"**{row.title}**: {bars}."
+    yield ""
+    yield from (taken, "") if isinstance(taken, str) else profile_lines(taken)
 
 
 def contender_cells(measured, row, contender, main, others):

@@ -42,7 +42,7 @@ def read_report(text, thread=None):
     """Shares by group and the functions outside the kernel, of one thread or of all."""
     shares, functions = dict.fromkeys(NAMES, 0.0), []
     for line in text.splitlines():
-        found = re.match(r"\s*([\d.]+)%\|\s*(.*?)\s*\|\s*(.*?)\s*\|\[(.)\]\s*(.*?)\s*$", line)
+        found = re.match(r"\s*([\d.]+)%\s*\|\s*(.*?)\s*\|\s*(.*?)\s*\|\[(.)\]\s*(.*?)\s*$", line)
         if not found or (thread is not None and found[2] != thread):
             continue
         share, is_kernel = float(found[1]), found[4] == "k"
