@@ -49,6 +49,7 @@ void describe_program(CLI::App& app, action& chosen) {
     add_send_command(app, chosen);
     add_listen_command(app, chosen);
     add_ping_command(app, chosen);
+    add_bench_command(app, chosen);
     add_config_command(app, chosen);
     add_doctor_command(app, chosen);
     add_explain_command(app, chosen);

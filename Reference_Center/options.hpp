@@ -19,6 +19,7 @@ void add_run_command(CLI::App& app, action& chosen);
 void add_send_command(CLI::App& app, action& chosen);
 void add_listen_command(CLI::App& app, action& chosen);
 void add_ping_command(CLI::App& app, action& chosen);
+void add_bench_command(CLI::App& app, action& chosen);
 void add_demo_command(CLI::App& app, action& chosen);
 void add_demo_node_command(CLI::App& app, action& chosen);
 void add_doctor_command(CLI::App& app, action& chosen);

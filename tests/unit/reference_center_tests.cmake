@@ -13,4 +13,5 @@ if(INET_RELAY_CENTER)
   set(center_sources ${PROJECT_SOURCE_DIR}/Reference_Center)
   reference_center_test(latency_test latency_test.cpp
     ${center_sources}/latency_histogram.cpp ${center_sources}/latency_plot.cpp)
+  reference_center_test(bench_flights_test bench_flights_test.cpp ${center_sources}/bench_flights.cpp)
 endif()

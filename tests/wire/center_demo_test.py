@@ -4,7 +4,6 @@ import contextlib
 import hashlib
 import json
 import os
-import pty
 import random
 import select
 import signal
@@ -19,9 +18,6 @@ SIZES = os.environ.get("CENTER_DEMO_SIZES", "--udp-size 8M --tcp-size 64M").spli
 LONGEST = 60
 UDP_STEPS = ["file over UDP", "datagrams", "broadcast over UDP", "multicast", "leave multicast"]
 TCP_STEPS = ["file over TCP", "calls", "calls backwards", "kill", "withdraw", "silence", "thaw", "stays withdrawn"]
-WITHOUT_NETWORKS = ("unshare", "--user", "--map-root-user", "sh", "-c",
-                    'echo 0 > /proc/sys/user/max_net_namespaces && exec "$0" "$@"')
-
 
 def children(pid):
     """Process ids of the nodes that a demonstration has started."""
@@ -123,17 +119,9 @@ class WithNetworks(Demo):
 
     def on_terminal(self, **more):
         """Everything that is shown on a terminal."""
-        master, slave = pty.openpty()
-        with support.Running("demo", "--part", "udp", *SIZES, stderr=slave,
-                             env={**os.environ, "TERM": "xterm", **more}) as demo:
-            os.close(slave)
-            shown = b""
-            with contextlib.suppress(OSError):
-                while piece := os.read(master, 65536):
-                    shown += piece
-            os.close(master)
-            self.assertEqual(demo.process.wait(support.DEADLINE), 0)
-        return shown.decode()
+        code, shown = support.show_on_terminal("demo", "--part", "udp", *SIZES, **more)
+        self.assertEqual(code, 0)
+        return shown
 
     def test_draws_a_table_on_a_terminal(self):
         shown = self.on_terminal()
@@ -202,7 +190,7 @@ class WithoutNetworks(Demo):
             self.skipTest("a user namespace to forbid networks in is not allowed here")
 
     def test_says_so_and_plays_the_tcp_part(self):
-        told, errors = self.play("--tcp-size", "1M", wrapper=WITHOUT_NETWORKS)
+        told, errors = self.play("--tcp-size", "1M", wrapper=support.WITHOUT_NETWORKS)
         self.assertEqual([step["name"] for step in told["steps"]],
                          ["start", "connect", "broadcast over TCP", "freeze", *TCP_STEPS, "stop"])
         self.assertTrue(told["passed"] and not told["networks"])
@@ -210,7 +198,7 @@ class WithoutNetworks(Demo):
                                  "not to be had: making a network namespace: [^\n]+\n$")
 
     def test_is_skipped_when_only_the_udp_part_is_wanted(self):
-        result = support.call("demo", "--part", "udp", wrapper=WITHOUT_NETWORKS)
+        result = support.call("demo", "--part", "udp", wrapper=support.WITHOUT_NETWORKS)
         self.assertEqual((result.returncode, result.stdout), (support.SKIPPED, b""))
         self.assertEqual(len(result.stderr.splitlines()), 1)
         self.assertIn(b"two nodes on one machine cannot share a UDP port", result.stderr)

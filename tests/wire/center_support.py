@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import pty
 import random
 import re
 import select
@@ -227,6 +228,24 @@ class Peer:
             packet = Packet(header, self.read(HEADER.unpack(header)[6]))
             if packet.kind != HEARTBEAT:
                 return packet
+
+
+# For a process that shall not be able to make a network namespace.
+WITHOUT_NETWORKS = ("unshare", "--user", "--map-root-user", "sh", "-c",
+                    'echo 0 > /proc/sys/user/max_net_namespaces && exec "$0" "$@"')
+
+
+def show_on_terminal(*arguments, **environment):
+    """The exit code, and everything that the program shows on a terminal as its standard error."""
+    master, slave = pty.openpty()
+    with Running(*arguments, stderr=slave, env={**os.environ, "TERM": "xterm", **environment}) as program:
+        os.close(slave)
+        shown = b""
+        with contextlib.suppress(OSError):
+            while piece := os.read(master, 65536):
+                shown += piece
+        os.close(master)
+        return program.process.wait(DEADLINE), shown.decode()
 
 
 def can_have_networks():

@@ -31,6 +31,7 @@ function(center_test name file)
     ENVIRONMENT "CENTER_DEMO_SIZES=${center_demo_sizes};${center_needs_root};${center_is_sanitized}")
 endfunction()
 
+center_test(center_bench center_bench_test)
 center_test(center_usage center_usage_test)
 center_test(center_config center_config_test)
 center_test(center_completion center_completion_test)

@@ -15,6 +15,7 @@ COMMANDS = {
     "send": ["--to", "--tcp", "--udp", "--size", "--lines", "--port", "--interface", "--rate", "--wait", "FILE"],
     "listen": ["--port", "--format", "--count", "--seconds", "--once", "--group", "--source", "--interface"],
     "ping": ["--to", "--port", "--count", "--interval", "--timeout", "--size", "--signal"],
+    "bench": ["tcp", "udp", "broadcast"],
     "demo": ["--part", "--file", "--udp-size", "--tcp-size", "--drop", "--seconds", "--loopback"],
     "config": ["check", "show"],
     "doctor": ["--port", "--peer", "--config", "--json"],
@@ -28,7 +29,7 @@ WRONG_USAGE = [
     ([], "subcommand is required"),
     (["lisen"], 'unknown command "lisen"; did you mean "listen"?'),
     (["pign"], 'did you mean "ping"?'),
-    (["somersault"], 'unknown command "somersault"; the commands are run, demo, send, listen, ping, config, doctor, '
+    (["somersault"], 'unknown command "somersault"; the commands are run, demo, send, listen, ping, bench, config, doctor, '
                      'explain, completion, version'),
     (["run"], "give at least one --listen or --connect"),
     (["run", "--lissten", "7000"], "--lissten"),

@@ -1,0 +1,179 @@
+#!/usr/bin/env python3
+"""Compares what "zolt-center bench" measures with what this suite measures of the same relay.
+
+A round is suite, command, suite, so that the suite is compared with itself as well: what its two figures of a round
+differ by is the machine's noise. Exit status: 0 when both agree, 1 when they do not or something failed, 77 when one
+of the programs was not built.
+"""
+
+import argparse
+import contextlib
+import os
+import socket
+import statistics
+import subprocess
+import sys
+from pathlib import Path
+from typing import Callable, NamedTuple
+
+import machine
+import results
+import suite
+
+ROOT = Path(__file__).resolve().parents[2]
+ROUNDS, SECONDS, WARM_UP = 9, 0.3, 0.2
+TOLERANCE = 0.05  # of the median; the noise of a round may be more
+KIB = 1024
+
+
+class Row(NamedTuple):
+    title: str
+    subject: tuple  # of the suite, with the options of its own
+    figure: str  # of the suite
+    command: tuple  # behind "zolt-center bench"
+    figure_of: Callable  # the same, in what the command tells
+    size: int
+    cores: str
+    connections: int = 1
+
+
+def p50(told):
+    return told["latency_us"]["p50"] * 1e3
+
+
+def rate(told):
+    return told["packets_per_second"]
+
+
+def rows():
+    for size, name in ((0, "header only"), (64, "64 B"), (64 * KIB, "64 KiB")):
+        yield Row(f"round trip, {name}", ("roundtrip", "--answer", "center"), "p50_ns", ("tcp",), p50, size, "one")
+    for size, name, connections in ((64, "64 B", 1), (64, "64 B", 16), (64 * KIB, "64 KiB", 1)):
+        yield Row(f"one way, {name}, {connections} connection{'s' * (connections != 1)}", ("oneway",), "rate",
+                  ("tcp", "--one-way"), rate, size, "two", connections)
+    yield Row("UDP round trip, 64 B", ("udp", "--way", "round", "--answer", "center"), "p50_ns", ("udp",), p50, 64, "one")
+
+
+class Programs:
+    def __init__(self, chosen):
+        self.bench, self.center, self.seconds = str(chosen.bench), str(chosen.center), f"{chosen.seconds:g}"
+
+    def missing(self):
+        return [program for program in (self.bench, self.center) if not os.access(program, os.X_OK)]
+
+    def suite(self, row):
+        size = ("--size", str(row.size), "--connections", str(row.connections))
+        told = suite.answer([self.bench, *row.subject, "--contender", "relay", "--cores", row.cores, *size,
+                             "--seconds", self.seconds, "--warm-up", str(WARM_UP)])
+        return told["figures"][row.figure]
+
+    def command(self, row):
+        near, *others = sorted(os.sched_getaffinity(0))
+        with contextlib.ExitStack() as ends:
+            peers = ("--peers", str(row.connections))
+            if row.cores == "two":
+                port = ends.enter_context(self.far_center(others[0]))
+                peers = [part for number in range(row.connections) for part in ("--to", f"127.0.0.{2 + number}:{port}")]
+            told = suite.answer([*bound_to(near), self.center, "bench", *row.command, *peers, "--size", str(row.size),
+                                 "--duration", self.seconds, "--warm-up", str(WARM_UP), "--config", os.devnull, "--json"])
+        return row.figure_of(told)
+
+    @contextlib.contextmanager
+    def far_center(self, core):
+        """The port of a Center that runs on a core of its own."""
+        with socket.create_server(("127.0.0.1", 0)) as free:
+            port = free.getsockname()[1]
+        command = [*bound_to(core), self.center, "run", "--listen", str(port), "--echo", "--quiet", "--admin", "none",
+                   "--config", os.devnull]
+        with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as center:
+            try:
+                if not center.stdout.readline().startswith(b"ready"):
+                    raise suite.Failed("the far Center does not start")
+                yield port
+            finally:
+                center.kill()
+
+
+def bound_to(core):
+    return "taskset", "--cpu-list", str(core)
+
+
+class Comparison(NamedTuple):
+    suite: results.Spread
+    command: results.Spread
+    ratio: results.Spread  # command to suite
+    noise: results.Spread  # the suite's second figure of a round to its first
+    disturbed: int
+
+    def agrees(self, tolerance):
+        return abs(self.ratio.median - 1) <= tolerance
+
+
+def compare(programs, row, rounds):
+    taken, disturbed = [], 0
+    for _ in range(rounds):
+        others, own = machine.others_seconds(), suite.time.monotonic()
+        taken.append((programs.suite(row), programs.command(row), programs.suite(row)))
+        others, own = machine.others_seconds() - others, suite.time.monotonic() - own
+        disturbed += others > suite.DISTURBED_CORES * own
+    return Comparison(results.spread(statistics.mean((first, second)) for first, _, second in taken),
+                      results.spread(command for _, command, _ in taken),
+                      results.spread(command / statistics.mean((first, second)) for first, command, second in taken),
+                      results.spread(second / first for first, _, second in taken), disturbed)
+
+
+def number(value, figure):
+    return f"{value / 1e3:.1f} us" if figure.endswith("_ns") else f"{value:,.0f}/s"
+
+
+def between(spread):
+    return f"{spread.median:.3f} ({spread.least:.3f} to {spread.most:.3f})"
+
+
+def line(row, found, tolerance):
+    verdict = "agrees" if found.agrees(tolerance) else "DIFFERS"
+    disturbed = f", {found.disturbed} rounds disturbed" if found.disturbed else ""
+    return (f"| {row.title} | {number(found.suite.median, row.figure)} | {number(found.command.median, row.figure)} | "
+            f"{between(found.ratio)} | {between(found.noise)} | {verdict}{disturbed} |")
+
+
+def options(arguments):
+    built = ROOT / "build/release-bench"
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0], allow_abbrev=False)
+    parser.add_argument("--rounds", type=int, default=ROUNDS, metavar="N", help=f"by default {ROUNDS}")
+    parser.add_argument("--seconds", type=float, default=SECONDS, help=f"of one measurement, by default {SECONDS}")
+    parser.add_argument("--only", metavar="TEXT", default="", help="the rows whose title has that text")
+    parser.add_argument("--tolerance", type=float, default=TOLERANCE, metavar="SHARE",
+                        help=f"how far the median of the ratios may be from 1, by default {TOLERANCE}")
+    parser.add_argument("--bench", type=Path, metavar="FILE", default=built / "bench/inet_relay_bench")
+    parser.add_argument("--center", type=Path, metavar="FILE", default=built / "Reference_Center/zolt-center")
+    return parser.parse_args(arguments)
+
+
+def main(arguments):
+    chosen = options(arguments)
+    programs = Programs(chosen)
+    if programs.missing():
+        print(f"agreement: not built: {', '.join(programs.missing())}", file=sys.stderr)
+        return 77
+    machine.enter_network(__file__, arguments)
+    print(f"{machine.describe()}; commit {machine.commit(ROOT)}; network: {machine.prepare_network()}; {chosen.rounds} rounds of "
+          f"{chosen.seconds:g} s\n\n| case | suite | command | command to suite | suite to itself | verdict |\n"
+          "|---|---|---|---|---|---|", flush=True)
+    agreed = True
+    for row in rows():
+        if chosen.only not in row.title:
+            continue
+        try:
+            found = compare(programs, row, chosen.rounds)
+        except (suite.Failed, suite.NotHere) as reason:
+            print(f"| {row.title} | | | | | failed: {reason} |", flush=True)
+            agreed = False
+            continue
+        print(line(row, found, chosen.tolerance), flush=True)
+        agreed = agreed and found.agrees(chosen.tolerance)
+    return 0 if agreed else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
