@@ -96,6 +96,7 @@ def main():
         for turn in range(round(seconds / 5)):
             callers[0].send_signal(signal.SIGSTOP if turn % 4 == 1 else signal.SIGCONT)
             story.is_over.wait(5)
+        callers[0].send_signal(signal.SIGCONT)
         callers[1].kill()
         wait_for("the killed one is red", lambda: browser.run("return document.querySelector('.drawing .gone')"))
         take(browser, folder / "page-light.png", 1280, 940, "light")
