@@ -19,8 +19,9 @@ void add_admin_option(CLI::App& command, std::string& place);
 
 /// Opens the endpoint at the place of --admin. The default place is given up for any free port when it is taken, so that it
 /// stops no Center; then, and with "none", there may be no endpoint. Throws failure for a place that was asked for.
-/// The account has to outlive it.
-std::unique_ptr<admin_server> open_admin(std::string const& place, node_account const& account);
+/// The account has to outlive it. Configuration: the file of --config, or nothing.
+std::unique_ptr<admin_server> open_admin(std::string const& place, node_account const& account,
+                                         std::string const& configuration);
 
 /// The endpoint's address, or nothing.
 std::string admin_text(admin_server const* admin);

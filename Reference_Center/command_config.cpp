@@ -1,7 +1,7 @@
 // zolt-center config: what the relay makes of its configuration file.
 #include "Reference_Center/configuration.hpp"
 #include "Reference_Center/configuration_check.hpp"
-#include "Reference_Center/configuration_values.hpp"
+#include "Reference_Center/configuration_report.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/output.hpp"
 
@@ -84,30 +84,6 @@ int run_check(config_options const& options) {
 
 // --- show ------------------------------------------------------------------------------------------------------
 
-std::string origin_text(std::string const& file, key_value const& here) {
-    if (here.line == 0) {
-        return "default";
-    }
-    return here.is_default ? fmt::format("default; {}:{} has \"{}\", which is no number", file, here.line, here.written)
-                           : fmt::format("{}:{}", file, here.line);
-}
-
-json_object value_json(key_value const& here, std::string const& origin) {
-    json_object object{{"key", here.key->name},
-                       {"value", here.value},
-                       {"default", here.key->fallback},
-                       {"has_effect", here.key->has_effect},
-                       {"effect", here.effect()},
-                       {"origin", origin},
-                       {"line", nullptr},
-                       {"written", nullptr}};
-    if (here.line != 0) {
-        object["line"] = here.line;
-        object["written"] = here.written;
-    }
-    return object;
-}
-
 void tell_values(configuration_text const& text, std::vector<key_value> const& values, bool with_origin) {
     for (key_value const& here : values) {
         write_out_line(fmt::format("{} = {}", here.key->name, here.value));
@@ -122,11 +98,7 @@ int run_show(config_options const& options) {
     configuration_text const text = read_configuration_text(options.file);
     std::vector<key_value> const values = read_key_values(Reference_Host::parse_ini(text.bytes));
     if (options.json) {
-        json_object keys = json_object::array();
-        for (key_value const& here : values) {
-            keys.push_back(value_json(here, origin_text(text.file, here)));
-        }
-        write_out_object({{"file", text.file}, {"present", text.is_present}, {"keys", keys}});
+        write_out_object(values_json(text, values));
     } else {
         tell_values(text, values, options.origin);
     }

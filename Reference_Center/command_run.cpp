@@ -144,7 +144,7 @@ int run_center(run_options const& options) {
     plan.capture_limit = options.capture_limit;
     center node(plan, user);
     user.use(node);
-    auto const admin = open_admin(options.admin, node.account());
+    auto const admin = open_admin(options.admin, node.account(), options.configuration);
     for (std::string const& destination : options.destinations) {
         node.connect(*parse_address(destination));
     }

@@ -50,6 +50,8 @@ void describe_program(CLI::App& app, action& chosen) {
     add_listen_command(app, chosen);
     add_ping_command(app, chosen);
     add_bench_command(app, chosen);
+    add_status_command(app, chosen);
+    add_top_command(app, chosen);
     add_config_command(app, chosen);
     add_doctor_command(app, chosen);
     add_explain_command(app, chosen);

@@ -27,6 +27,8 @@ void add_explain_command(CLI::App& app, action& chosen);
 void add_completion_command(CLI::App& app, action& chosen);
 void add_config_command(CLI::App& app, action& chosen);
 void add_manual_command(CLI::App& app, action& chosen);
+void add_status_command(CLI::App& app, action& chosen);
+void add_top_command(CLI::App& app, action& chosen);
 void add_version_command(CLI::App& app, action& chosen);
 
 /// Options as they were written; every command has a part of them.

@@ -54,3 +54,4 @@ center_test(hostile_silence hostile_silence_test)
 
 # What a running Center tells of itself.
 center_test(admin admin_test)
+center_test(admin_commands admin_commands_test)

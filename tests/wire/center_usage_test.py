@@ -21,6 +21,8 @@ COMMANDS = {
     "doctor": ["--port", "--peer", "--config", "--json"],
     "explain": ["--lang", "--all", "--markdown", "--json"],
     "completion": ["bash|zsh|fish"],
+    "status": ["--admin", "--json"],
+    "top": ["--admin", "--interval", "--count", "--json"],
     "version": ["--json"],
 }
 
@@ -29,8 +31,8 @@ WRONG_USAGE = [
     ([], "subcommand is required"),
     (["lisen"], 'unknown command "lisen"; did you mean "listen"?'),
     (["pign"], 'did you mean "ping"?'),
-    (["somersault"], 'unknown command "somersault"; the commands are run, demo, send, listen, ping, bench, config, doctor, '
-                     'explain, completion, version'),
+    (["somersault"], 'unknown command "somersault"; the commands are run, demo, send, listen, ping, bench, status, top, '
+                     'config, doctor, explain, completion, version'),
     (["run"], "give at least one --listen or --connect"),
     (["run", "--lissten", "7000"], "--lissten"),
     (["run", "--listen", "65536"], '"65536" is no port; a port is a number from 1 to 65535'),
@@ -54,6 +56,9 @@ WRONG_USAGE = [
     (["ping"], "give either --to or --port"),
     (["ping", "--to", "10.0.0.2:7000", "--port", "7000"], "give either --to or --port"),
     (["ping", "--to", "10.0.0.2:7000", "--count", "0"], "--count"),
+    (["status", "--admin", "127.0.0.1:0"], '"127.0.0.1:0" is no address'),
+    (["top", "--interval", "0"], "--interval"),
+    (["top", "--count", "0"], "--count"),
     (["demo", "--part", "third"], "--part"),
     (["demo", "--drop", "51"], "--drop"),
     (["demo", "--file", "/dev/null"], "no file of 1 byte to 1 GiB"),
