@@ -2,9 +2,12 @@
 
 import contextlib
 import json
+import os
+import re
 import shutil
 import socket
 import subprocess
+import tempfile
 import time
 import unittest
 from pathlib import Path
@@ -13,8 +16,8 @@ import admin_support
 import center_support as support
 
 ROOT = Path(__file__).resolve().parents[2]
-PATHS = ["/", "/healthz", "/readyz", "/metrics", "/api/v1/status", "/api/v1/peers", "/api/v1/closed"]
-OBJECTS = ["status", "peers", "closed"]
+PATHS = ["/", "/healthz", "/readyz", "/metrics", "/api/v1/status", "/api/v1/peers", "/api/v1/closed",
+         "/api/v1/config"]
 DEFAULT = "127.0.0.1:7979"
 ALL_SIGNALS = "fffffffe7ffbfeff"  # what a program can block: not KILL, not STOP, not the C library's two
 ANSWER_TIME = 5
@@ -208,6 +211,126 @@ class Place(unittest.TestCase):
         with admin_support.Center("--seconds", "0.1") as center:
             code, _, errors = center.program.finish()
         self.assertEqual((code, "warning" in errors), (0, False), errors)
+
+
+class Traffic(unittest.TestCase):
+    def start(self, *options):
+        center = admin_support.Center(*options)
+        self.addCleanup(center.__exit__)
+        return center
+
+    def connect(self, center, count, others=0):
+        """So many peers, each of them known to the Center beside the others."""
+        peers = []
+        for _ in range(count):
+            peers.append(support.Peer.connect(center.port))
+            self.addCleanup(peers[-1].connection.close)
+        center.wait_until("peers", lambda told: len(told["peers"]) == count + others)
+        return peers
+
+    def test_over_tcp_is_told_alike_by_every_page(self):
+        center = self.start("--echo")
+        [peer] = self.connect(center, 1)
+        for sequence in range(3):
+            peer.send(b"x" * 100, sequence=sequence)
+            self.assertEqual(peer.receive().data, b"x" * 100)
+        status = center.wait_until("status", lambda told: told["outcomes"]["written"] == 3)
+        counts = {"packets": 3, "bytes": 300}
+        self.assertEqual((status["totals"]["tcp_in"], status["totals"]["tcp_out"]), (counts, counts))
+        self.assertEqual((status["pid"], status["ports"], status["ready"], status["healthy"]),
+                         (center.program.pid, [center.port], True, True))
+        [told] = center.json("peers")["peers"]
+        self.assertEqual((told["over"], told["state"], told["in"], told["out"]),
+                         ("accepted", "established", counts, counts))
+        self.expect_metrics(center.metrics(), told["address"])
+
+    def expect_metrics(self, metrics, address):
+        self.assertEqual(metrics.value("zolt_handed_over_total"), 3)
+        self.assertEqual(metrics.value("zolt_outcomes_total", outcome="written"), 3)
+        self.assertEqual(metrics.value("zolt_peers", over="accepted", state="established"), 1)
+        self.assertEqual(metrics.value("zolt_peer_established", peer=address, over="accepted"), 1)
+        for direction in ("in", "out"):
+            self.assertEqual(metrics.value("zolt_packets_total", transport="tcp", direction=direction), 3)
+            self.assertEqual(metrics.value("zolt_data_bytes_total", transport="tcp", direction=direction), 300)
+            self.assertEqual(metrics.value("zolt_peer_packets_total", peer=address, over="accepted", direction=direction), 3)
+            self.assertEqual(metrics.value("zolt_peer_data_bytes_total", peer=address, over="accepted", direction=direction),
+                             300)
+
+    def test_over_udp_is_counted_on_its_own(self):
+        center = self.start()
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            sender.sendto(support.make_packet(b"y" * 50), ("127.0.0.1", center.port))
+        totals = center.wait_until("status", lambda told: told["totals"]["udp_in"]["packets"] == 1)["totals"]
+        self.assertEqual((totals["udp_in"]["bytes"], totals["tcp_in"]["packets"]), (50, 0))
+        self.assertEqual(center.metrics().value("zolt_data_bytes_total", transport="udp", direction="in"), 50)
+
+    def test_of_more_than_a_hundred_peers_is_told_of_a_hundred(self):
+        center = self.start("--connect", "127.0.0.1:1")
+        self.connect(center, 101, others=1)
+        metrics = center.metrics()
+        series = [dict(key[1:]) for key in metrics.samples if key[0] == "zolt_peer_established"]
+        self.assertEqual((len(series), metrics.value("zolt_peers_left_out")), (100, 2))
+        self.assertEqual(metrics.value("zolt_peers", over="accepted", state="established"), 101)
+        self.assertIn({"peer": "127.0.0.1:1", "over": "outgoing"}, series)
+        self.assertEqual(metrics.value("zolt_peer_established", peer="127.0.0.1:1", over="outgoing"), 0)
+
+
+class Configuration(unittest.TestCase):
+    def test_is_told_with_its_origin_as_it_was_at_the_start(self):
+        with tempfile.NamedTemporaryFile("w", suffix=".ini") as file:
+            file.write("[ZOLT]\nSERVER_LISTEN_BACKLOG = 9\n")
+            file.flush()
+            with admin_support.Center("--config", file.name) as center:
+                os.truncate(file.name, 0)
+                told = center.json("config")
+        keys = {key["key"]: key for key in told["keys"]}
+        self.assertEqual((told["file"], len(keys)), (file.name, 9))
+        changed, kept = keys["SERVER_LISTEN_BACKLOG"], keys["AUTO_DISCONNECT"]
+        self.assertEqual((changed["value"], changed["default"], changed["origin"]), ("9", "5", f"{file.name}:2"))
+        self.assertEqual((kept["value"], kept["origin"]), ("yes", "default"))
+        self.assertTrue(all(key["effect"] for key in keys.values()))
+
+    def test_without_a_file_has_none(self):
+        with admin_support.Center() as center:
+            told = center.json("config")
+        self.assertEqual((told["file"], {key["origin"] for key in told["keys"]}), (None, {"default"}))
+
+
+class Shape(unittest.TestCase):
+    """docs/admin-api.md against what a Center with a peer, a destination and a configuration tells."""
+    SIMPLE = {"text": str, "number": (int, float), "yes/no": bool, "null": type(None)}
+
+    @classmethod
+    def setUpClass(cls):
+        parts = re.split(r"^##+ (.*)$", (ROOT / "docs/admin-api.md").read_text(encoding="utf-8"), flags=re.MULTILINE)
+        cls.objects = {name: dict(re.findall(r"^\| `(\w+)` \| ([^|]+) \|", body, re.MULTILINE))
+                       for name, body in zip(parts[1::2], parts[2::2])}
+
+    def expect(self, value, kind, where):
+        """Booleans are numbers to Python, not to JSON."""
+        if kind.startswith("list of ") or kind in ("texts", "numbers"):
+            self.assertIsInstance(value, list, where)
+            for one in value:
+                self.expect(one, kind.removeprefix("list of ").removesuffix("s" if kind in ("texts", "numbers") else ""),
+                            f"{where}[]")
+        elif kind in self.objects:
+            self.assertEqual(list(value), list(self.objects[kind]), where)
+            for key, inner in self.objects[kind].items():
+                self.expect(value[key], inner, f"{where}.{key}")
+        else:
+            kinds = [self.SIMPLE[part] for part in kind.split(" or ")]
+            self.assertTrue(any(isinstance(value, one) and (one is bool or not isinstance(value, bool)) for one in kinds),
+                            (where, kind, value))
+
+    def test_is_as_documented(self):
+        with tempfile.NamedTemporaryFile("w", suffix=".ini") as file:
+            file.write("[ZOLT]\nSERVER_LISTEN_BACKLOG = 9\n")
+            file.flush()
+            with admin_support.Center("--connect", "127.0.0.1:1", "--config", file.name) as center, \
+                    support.Peer.connect(center.port):
+                center.wait_until("peers", lambda told: len(told["peers"]) == 2)
+                for name in ("status", "peers", "closed", "config"):
+                    self.expect(center.json(name), f"/api/v1/{name}", name)
 
 
 class Figures(Endpoint):
