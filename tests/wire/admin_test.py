@@ -339,6 +339,19 @@ class Figures(Endpoint):
         told = {name.strip("`"): (kind, text) for name, kind, _, text in table_rows("docs/metrics.md", 4)}
         self.assertEqual(told, {name: (metrics.type[name], metrics.help[name]) for name in metrics.help})
 
+    def test_have_documented_labels(self):
+        told = {name.strip("`"): tuple(re.findall(r"`(\w+)`", labels))
+                for name, _, labels, _ in table_rows("docs/metrics.md", 4)}
+        with admin_support.Center("--echo", "--connect", "127.0.0.1:1") as center, support.Peer.connect(center.port) as peer:
+            peer.send(b"x")
+            peer.receive()
+            center.wait_until("status", lambda status: status["outcomes"]["written"] == 1)
+            metrics = center.metrics()
+        shown = {name: metrics.labels(name) for name in metrics.type if metrics.labels(name)}
+        self.assertGreater(len(shown), 20)
+        for name, labels in shown.items():
+            self.assertEqual(labels, {tuple(sorted(told[name]))}, name)
+
     def test_are_named_as_is_the_custom(self):
         metrics = self.center.metrics()
         for name, kind in metrics.type.items():
