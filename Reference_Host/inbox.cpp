@@ -2,7 +2,9 @@
 
 #include "Host/zolt_global.hpp"
 #include "Reference_Host/bounded_queue.hpp"
+#include "Reference_Host/packet_reading.hpp"
 #include "Reference_Host/packet_storage.hpp"
+#include "Reference_Host/relay_observer.hpp"
 #include "Reference_Host/wakeup.hpp"
 
 #include <algorithm>
@@ -83,6 +85,34 @@ struct inbox::inbox_state {
     std::atomic<std::uint64_t> taken{0};
     std::atomic<std::uint64_t> busy{0};
     std::atomic<std::uint64_t> refused{0};
+    std::atomic<std::int64_t> busy_since{0}; ///< on steady_clock; 0 when the last answer was another one
+    std::atomic<std::int64_t> busy_time{0};  ///< of times that are over
+
+    static std::int64_t read_clock() { return steady_clock::now().time_since_epoch().count(); }
+
+    void note_busy() {
+        busy.fetch_add(1, std::memory_order_relaxed);
+        std::int64_t none = 0;
+        if (busy_since.load(std::memory_order_relaxed) == 0) {
+            busy_since.compare_exchange_strong(none, read_clock(), std::memory_order_relaxed);
+        }
+    }
+
+    void note_taken() {
+        taken.fetch_add(1, std::memory_order_relaxed);
+        if (busy_since.load(std::memory_order_relaxed) == 0) {
+            return;
+        }
+        if (std::int64_t const since = busy_since.exchange(0, std::memory_order_relaxed); since != 0) {
+            busy_time.fetch_add(read_clock() - since, std::memory_order_relaxed);
+        }
+    }
+
+    std::chrono::nanoseconds count_busy_time() const {
+        std::int64_t const since = busy_since.load(std::memory_order_relaxed);
+        std::int64_t const current = since != 0 ? read_clock() - since : 0;
+        return steady_clock::duration(busy_time.load(std::memory_order_relaxed) + current);
+    }
 
     bool is_full() const {
         return queue.size() >= high_mark.load(std::memory_order_relaxed) ||
@@ -142,11 +172,11 @@ int inbox::offer(struct_token& token) {
         return c_offer_refused;
     }
     if (state->is_full() || !state->put_share(token)) {
-        state->busy.fetch_add(1, std::memory_order_relaxed);
+        state->note_busy();
         return c_offer_busy;
     }
     t_offered.keep(token);
-    state->taken.fetch_add(1, std::memory_order_relaxed);
+    state->note_taken();
     state->takers.wake();
     return c_offer_taken;
 }
@@ -205,6 +235,10 @@ inbox_counts inbox::count() const {
             state->bytes.load(std::memory_order_relaxed)};
 }
 
+std::chrono::nanoseconds inbox::count_busy_time() const {
+    return state->count_busy_time();
+}
+
 inbox& get_center_inbox() {
     // Never destroyed: a thread that ends late may still offer.
     static inbox* const center = new inbox;
@@ -220,6 +254,12 @@ void release_offered() {
 namespace Zolt::Common::Global {
 
 int send_zolt_center(struct_token& token) {
+    auto* const observer = Reference_Host::get_relay_observer();
+    struct_packet* const header = observer != nullptr ? token.get_header_packet() : nullptr;
+    // A peer may send what looks like a notice, but only what arrived has an arrival clock.
+    if (header != nullptr && Reference_Host::is_control(*header) && Reference_Host::get_arrival_clock(*header) == 0) {
+        observer->on_notice(*header);
+    }
     return Reference_Host::get_center_inbox().offer(token);
 }
 

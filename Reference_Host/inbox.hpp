@@ -62,6 +62,8 @@ public:
     /// Busy from that many bytes of data on; 256 MiB until set. One packet is always taken.
     void set_high_mark_bytes(std::uint64_t bytes);
     inbox_counts count() const;
+    /// How long the inbox was busy: each time from the first busy answer to the next offer taken, the current one included.
+    std::chrono::nanoseconds count_busy_time() const;
 
 private:
     struct inbox_state;

@@ -153,6 +153,10 @@ std::uint32_t get_error(struct_packet const& packet) {
     return load<header_field::error>(checked(packet).wire);
 }
 
+bool was_turned_back(struct_packet const& packet) {
+    return checked(packet).envelope.was_turned_back;
+}
+
 std::uint64_t get_sequence(struct_packet const& packet) {
     return load<header_field::sequence>(checked(packet).wire);
 }
@@ -363,6 +367,10 @@ void struct_packet::set_tcp_disconnected_from_client() {
 }
 
 bool struct_packet::backward_error_switch(unsigned int const& error) {
+    if (get_kind(*this) == packet_kind::heartbeat) {
+        return false; // one packet for all connections: nothing is written into it
+    }
+    checked(this).envelope.was_turned_back = true;
     if (!is_reply_due(*this)) {
         return false;
     }

@@ -52,6 +52,8 @@ void set_code(struct_packet& packet, std::uint32_t code);
 std::uint64_t get_sequence(struct_packet const& packet);
 void set_sequence(struct_packet& packet, std::uint64_t sequence);
 std::uint32_t get_error(struct_packet const& packet);
+/// True when the relay gave the packet up: it is an error now, or of a kind of which nobody is told.
+bool was_turned_back(struct_packet const& packet);
 
 /// Microseconds of the creator's clock; comparable only with other packets of the same creator.
 std::uint64_t get_creation_clock(struct_packet const& packet);

@@ -29,6 +29,7 @@ struct packet_envelope {
     std::uint32_t destination_ip = 0;
     std::uint16_t source_port = 0;
     std::uint16_t destination_port = 0;
+    bool was_turned_back = false; ///< backward_error_switch was asked, whatever it answered
 };
 
 /// What every struct_packet really is. Assignment of packets copies envelope and wire, nothing else.

@@ -1,4 +1,5 @@
 #include "Host/tesk_os.hpp"
+#include "Reference_Host/relay_observer.hpp"
 #include "Reference_Host/thread_starting.hpp"
 
 #include <atomic>
@@ -40,6 +41,10 @@ private:
 };
 
 } // namespace
+
+unsigned int count_thread_names() {
+    return g_threads_named.load(std::memory_order_relaxed);
+}
 
 thread_name take_next_thread_name() {
     unsigned int const number = g_threads_named.fetch_add(1, std::memory_order_relaxed) + 1;

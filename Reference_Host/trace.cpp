@@ -1,5 +1,6 @@
 #include "Host/zolt_global.hpp"
 #include "Reference_Host/output_sink.hpp"
+#include "Reference_Host/relay_observer.hpp"
 
 #include <algorithm>
 #include <cstdarg>
@@ -29,13 +30,19 @@ std::size_t write_trace(char (&text)[c_text_room], char letter, char const* file
 
 } // namespace
 
-int zolt_debug_not_send(char const& letter, struct_token const&, char const* const& file, int const& line,
+int zolt_debug_not_send(char const& letter, struct_token const& token, char const* const& file, int const& line,
                         char const* format, ...) {
+    std::va_list arguments;
+    if (auto* const observer = Reference_Host::get_relay_observer()) {
+        va_start(arguments, format);
+        // A trace may not change its token, which its host may.
+        observer->on_trace(format, const_cast<struct_token&>(token), arguments);
+        va_end(arguments);
+    }
     if (!Reference_Host::is_traced(letter)) {
         return 0;
     }
     char text[c_text_room];
-    std::va_list arguments;
     va_start(arguments, format);
     std::size_t const length = write_trace(text, letter, file, line, format, arguments);
     va_end(arguments);

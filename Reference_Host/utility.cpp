@@ -1,11 +1,13 @@
 #include "Host/tesk_utility.hpp"
 #include "Reference_Host/output_sink.hpp"
+#include "Reference_Host/relay_observer.hpp"
 
 #include <cstdio>
 #include <fcntl.h>
 
 namespace Tesk::Utility {
 
+using Zolt::Reference_Host::get_relay_observer;
 using Zolt::Reference_Host::line_kind;
 using Zolt::Reference_Host::print_line;
 
@@ -26,10 +28,21 @@ int change_flags(int descriptor, int on, int off) {
     return flags == -1 ? -1 : ::fcntl(descriptor, F_SETFL, (flags | on) & ~off);
 }
 
+void tell_of_descriptor(int descriptor, int flag, bool is_blocking) {
+    auto* const observer = get_relay_observer();
+    if (observer != nullptr && flag == O_NONBLOCK) {
+        observer->on_descriptor(descriptor, is_blocking);
+    }
+}
+
 } // namespace
 
 void print_error(char const* message) {
-    print_line(line_kind::error, 0, without_line_end(message));
+    std::string_view const text = without_line_end(message);
+    if (auto* const observer = get_relay_observer()) {
+        observer->on_error(text);
+    }
+    print_line(line_kind::error, 0, text);
 }
 
 void print_error(char const* file, int line) {
@@ -47,10 +60,12 @@ void alert(char const* message, char const* title) {
 }
 
 int fflag_on(int descriptor, int flag) {
+    tell_of_descriptor(descriptor, flag, false);
     return change_flags(descriptor, flag, 0);
 }
 
 int fflag_off(int descriptor, int flag) {
+    tell_of_descriptor(descriptor, flag, true);
     return change_flags(descriptor, 0, flag);
 }
 

@@ -33,7 +33,7 @@ install(FILES Center/INet_Relay/EPoll/inet_relay_epoll.hpp DESTINATION ${install
 install(DIRECTORY Host DESTINATION ${installed_headers} COMPONENT headers FILES_MATCHING PATTERN *.hpp)
 install(DIRECTORY Reference_Host DESTINATION ${installed_headers} COMPONENT headers FILES_MATCHING
   PATTERN inbox.hpp PATTERN ini_file.hpp PATTERN output_sink.hpp PATTERN packet_building.hpp PATTERN packet_layout.hpp
-  PATTERN packet_limits.hpp PATTERN packet_reading.hpp)
+  PATTERN packet_limits.hpp PATTERN packet_reading.hpp PATTERN relay_observer.hpp)
 
 foreach(component relay reference_host)
   install(EXPORT ${component} NAMESPACE INet_Relay:: FILE ${component}.cmake DESTINATION ${installed_package})
