@@ -1,8 +1,14 @@
 #include "Reference_Center/addresses.hpp"
 
 #include <arpa/inet.h>
+#include <array>
 #include <charconv>
+#include <net/if.h>
 #include <netinet/in.h>
+#include <span>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace Zolt::Reference_Center {
 
@@ -64,6 +70,26 @@ std::string address_text(struct_node_addr address) {
 
 bool is_multicast(std::uint32_t ip) {
     return IN_MULTICAST(ntohl(ip));
+}
+
+std::vector<std::string> own_addresses() {
+    // Asked of an IPv4 socket: where a service may open no other kind, getifaddrs has nothing to ask.
+    int const fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    std::array<::ifreq, 64> interfaces{};
+    ::ifconf list{};
+    list.ifc_len = static_cast<int>(sizeof interfaces);
+    list.ifc_req = interfaces.data();
+    std::vector<std::string> addresses;
+    std::vector<std::string> loopback;
+    std::size_t const length = ::ioctl(fd, SIOCGIFCONF, &list) == 0 ? static_cast<std::size_t>(list.ifc_len) : 0;
+    for (::ifreq& one : std::span(interfaces).first(length / sizeof(::ifreq))) {
+        auto const ip = reinterpret_cast<::sockaddr_in const&>(one.ifr_addr).sin_addr.s_addr;
+        if (::ioctl(fd, SIOCGIFFLAGS, &one) == 0 && (one.ifr_flags & IFF_UP) != 0) {
+            ((one.ifr_flags & IFF_LOOPBACK) != 0 ? loopback : addresses).push_back(ip_text(ip));
+        }
+    }
+    ::close(fd);
+    return addresses.empty() ? loopback : addresses;
 }
 
 } // namespace Zolt::Reference_Center

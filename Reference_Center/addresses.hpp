@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Zolt::Reference_Center {
 
@@ -25,6 +26,9 @@ std::string address_text(struct_node_addr address);
 
 /// 224.0.0.0 to 239.255.255.255.
 bool is_multicast(std::uint32_t ip);
+
+/// The IPv4 addresses of this machine's interfaces that are up; the loopback one only when there is no other.
+std::vector<std::string> own_addresses();
 
 } // namespace Zolt::Reference_Center
 

@@ -75,6 +75,11 @@ struct_node_addr source_of(struct_packet const& header) {
     return {source.ip, source.port};
 }
 
+struct_node_addr destination_of(struct_packet const& header) {
+    auto const destination = Reference_Host::get_destination(header);
+    return {destination.ip, destination.port};
+}
+
 /// Packets out of the inbox, freed whatever happens to them in between.
 class packet_batch {
 public:
@@ -114,7 +119,8 @@ char const* way_text(way via) {
 }
 
 center::center(center_plan const& wanted, center_user& of)
-    : plan(wanted), user(of), known(wanted.ports), capture(wanted.capture, wanted.capture_limit) {
+    : plan(wanted), user(of), known(wanted.ports, wanted.max_queue_bytes),
+      capture(wanted.capture, wanted.capture_limit) {
     use_configuration(plan.configuration);
     auto const deadline = steady_clock::now() + plan.wait_for_ports;
     for (std::uint16_t const port : plan.ports) {
@@ -141,7 +147,20 @@ void center::start() {
     }
     Center::INet_Relay::start();
     runs = true;
-    known.note_ready(true);
+    watch();
+}
+
+void center::watch() {
+    milliseconds period{1000};
+    if (plan.manager != nullptr && plan.manager->patience()) {
+        // Half of the manager's patience: one late time is no reason to end the process.
+        period = std::clamp(std::chrono::floor<milliseconds>(*plan.manager->patience() / 2), milliseconds(1), period);
+    }
+    known.note_running(std::make_unique<node_watch>(known.observer().take_listening(), period, [this] {
+        if (known.tick() && plan.manager != nullptr) {
+            plan.manager->tell_alive();
+        }
+    }));
 }
 
 center::~center() {
@@ -153,7 +172,7 @@ void center::stop() {
         return;
     }
     runs = false;
-    known.note_ready(false);
+    known.note_stopping();
     get_center_inbox().stop();
     std::promise<void> stopped;
     std::future<void> const end = stopped.get_future();
@@ -171,6 +190,7 @@ void center::stop() {
     }
     stopper.join();
     take_rest();
+    known.note_stopped();
     // The relay's last lines tell of datagrams that failed.
     Reference_Host::drain_output(c_drain_time);
 }
@@ -216,8 +236,9 @@ void center::notice(struct_packet const& header) {
         capture.note_connected(who, {Reference_Host::get_local_ip(header), connected[who]});
         user.on_connected(who);
     } else {
-        connected.erase(who);
-        known.note_disconnected(who);
+        if (known.note_disconnected(who, end_of(header))) {
+            connected.erase(who);
+        }
         capture.note_disconnected(who);
         user.on_disconnected(who);
     }
@@ -246,20 +267,43 @@ way center::find_way(struct_packet const& header) const {
 }
 
 void center::connect(struct_node_addr destination) {
+    {
+        connection_observer::adding const adds(known.observer(), destination);
+        Center::INet_Relay::add_client(destination.ip, destination.port);
+    }
     known.note_destination(destination);
-    Center::INet_Relay::add_client(destination.ip, destination.port);
 }
 
 void center::withdraw(struct_node_addr destination) {
+    bool const is_last = known.observer().withdraw(destination);
     Center::INet_Relay::del_client(destination.ip, destination.port);
-    known.note_withdrawn(destination);
+    if (is_last) {
+        known.note_withdrawn(destination);
+    }
+}
+
+bool center::may_hand_over(peer const& to, struct_token& token) const {
+    // The relay takes nothing for a connection that was withdrawn, and does not say so.
+    if (to.via == way::outgoing && !known.is_wanted(to.address)) {
+        note_not_connected();
+        return false;
+    }
+    if (!known.has_room(to, travelling_size(token))) {
+        note_refused_by_limit();
+        return false;
+    }
+    return true;
 }
 
 bool center::send(peer const& to, struct_token token, std::uint32_t number) {
+    if (!may_hand_over(to, token)) {
+        token.free();
+        return false;
+    }
     struct_packet* const header = token.get_header_packet();
     std::uint64_t const size = header->get_data_size();
     packet_capture::bytes const copy = capture.copy(token);
-    hand_over mark(token, number);
+    hand_over const mark(token, number, known.find_counts(to));
     int result = 0;
     switch (to.via) {
     case way::udp:
@@ -277,21 +321,33 @@ bool center::send(peer const& to, struct_token token, std::uint32_t number) {
         capture.note_hand_over(to, copy);
         return true;
     }
-    mark.was_refused(token);
+    hand_over::was_refused(token);
     token.free();
     return false;
 }
 
-void center::send_to_all_accepted(struct_token token) {
-    packet_capture::bytes const copy = capture.copy(token);
-    for (auto const& [who, gate_port] : connected) {
-        if (who.via == way::accepted) {
-            capture.note_hand_over(who, copy);
-            known.note_hand_over(who, token.get_header_packet()->get_data_size());
+bool center::send_to_all_accepted(struct_token token) {
+    bool const has_room = std::all_of(connected.begin(), connected.end(), [&](auto const& entry) {
+        return entry.first.via != way::accepted || known.has_room(entry.first, travelling_size(token));
+    });
+    if (has_room) {
+        packet_capture::bytes const bytes = capture.copy(token);
+        std::vector<peer> reached;
+        known.observer().mark_copies([&](struct_token& copy) {
+            peer const& to = reached.emplace_back(peer{destination_of(*copy.get_header_packet()), way::accepted});
+            mark_handed_over(copy, 0, known.find_counts(to));
+        });
+        Center::INet_Relay::send_tcp_broadcast(token, token.get_header_packet());
+        known.observer().mark_copies({});
+        for (peer const& to : reached) {
+            known.note_hand_over(to, token.get_header_packet()->get_data_size());
+            capture.note_hand_over(to, bytes);
         }
+    } else {
+        note_refused_by_limit();
     }
-    Center::INet_Relay::send_tcp_broadcast(token, token.get_header_packet());
     token.free();
+    return has_room;
 }
 
 } // namespace Zolt::Reference_Center

@@ -11,6 +11,7 @@
 #include "Reference_Center/node_account.hpp"
 #include "Reference_Center/packet_capture.hpp"
 #include "Reference_Center/peer.hpp"
+#include "Reference_Center/service_manager.hpp"
 #include "Reference_Center/stop_signals.hpp"
 #include "Reference_Host/packet_building.hpp"
 #include "Reference_Host/packet_reading.hpp"
@@ -19,6 +20,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,6 +53,9 @@ struct center_plan {
     std::chrono::milliseconds stop_timeout{5000};
     std::string capture;             ///< file for packet_capture; empty for none
     std::uint64_t capture_limit = 0; ///< bytes
+    /// As they travel, of TCP packets to one peer, and of all datagrams; nothing: without a limit.
+    std::optional<std::uint64_t> max_queue_bytes;
+    service_manager const* manager = nullptr; ///< hears that all is well for as long as it is
 };
 
 class center {
@@ -71,15 +76,17 @@ public:
     void connect(struct_node_addr destination);
     void withdraw(struct_node_addr destination);
 
-    /// Hands a packet to the relay. False when there is no connection; the packet is freed then. Number: see
-    /// hand_over. Over UDP the destination's port must be one that this node serves.
+    /// Hands a packet to the relay. False when there is no connection, or too much waits; the packet is freed then, and
+    /// counted as not handed over. Number: see mark_handed_over. Over UDP the destination's port must be one that this
+    /// node serves.
     bool send(peer const& to, struct_token token, std::uint32_t number = 0);
-    /// Copies of the packet for all accepted connections; frees the packet.
-    void send_to_all_accepted(struct_token token);
+    /// Copies of the packet for all accepted connections; frees the packet. False, and no copies, when too much waits for
+    /// one of them.
+    bool send_to_all_accepted(struct_token token);
 
     /// Those connected now, each with the port by which it knows this node.
     std::map<peer, std::uint16_t> const& peers() const { return connected; }
-    /// What this Center knows of itself. Copies made for all accepted connections count once for each.
+    /// What this Center knows of itself.
     node_account const& account() const { return known; }
     traffic_counts arrived() const { return known.arrived_over_udp() + known.arrived_over_tcp(); }
 
@@ -94,6 +101,8 @@ private:
     void receive(struct_token& token, struct_packet& header);
     /// Of a packet that came over TCP.
     way find_way(struct_packet const& header) const;
+    bool may_hand_over(peer const& to, struct_token& token) const;
+    void watch();
 
     center_plan const plan;
     center_user& user;

@@ -23,6 +23,8 @@ struct run_options : common_options {
     std::uint64_t capture_limit = 64U << 20;
     bool echo = false;
     double seconds = 0;
+    std::optional<std::uint64_t> max_queue;
+    std::optional<double> drain;
 };
 
 /// Says who comes and goes; sends back what arrives when it shall.
@@ -123,7 +125,11 @@ void tell_sum(run_options const& options, center const& node) {
     }
 }
 
-/// What is queued gets half of the stop's time to leave.
+/// How long what is queued gets to leave: half of the stop's time when nothing else was said.
+milliseconds drain_time(run_options const& options, center_plan const& plan) {
+    return options.drain ? to_milliseconds(*options.drain) : plan.stop_timeout / 2;
+}
+
 void drain(center& node, milliseconds longest) {
     node.serve_until(steady_clock::now() + longest, [] {
         wake_when_queue_is_below(0, 0);
@@ -135,6 +141,7 @@ int run_center(run_options const& options) {
     if (options.ports.empty() && options.destinations.empty()) {
         throw failure(exit_code::wrong_usage, "run: give at least one --listen or --connect");
     }
+    service_manager const manager; // before there are threads: it changes the environment
     stop_signals const signals;
     start_diagnostics(options.level());
     running_user user(options);
@@ -142,6 +149,8 @@ int run_center(run_options const& options) {
     plan.signals = &signals;
     plan.capture = options.capture;
     plan.capture_limit = options.capture_limit;
+    plan.max_queue_bytes = options.max_queue;
+    plan.manager = &manager;
     center node(plan, user);
     user.use(node);
     auto const admin = open_admin(options.admin, node.account(), options.configuration);
@@ -149,14 +158,30 @@ int run_center(run_options const& options) {
         node.connect(*parse_address(destination));
     }
     tell_ready(options, admin_text(admin.get()));
+    manager.tell_ready();
     auto const end =
         options.seconds > 0 ? steady_clock::now() + to_milliseconds(options.seconds) : steady_clock::time_point::max();
     node.serve_until(end, [&] { return signals.is_requested(); });
     log_event("stopping");
-    drain(node, plan.stop_timeout / 2);
+    manager.tell_stopping();
+    drain(node, drain_time(options, plan));
     node.stop();
     tell_sum(options, node);
     return static_cast<int>(exit_code::done);
+}
+
+void add_queue_options(CLI::App& command, run_options& options) {
+    command
+        .add_option(
+            "--max-queue", options.max_queue,
+            "Most bytes that may wait for one peer, and of all datagrams; packets beyond are refused, and counted")
+        ->transform(size_value())
+        ->type_name("BYTES");
+    command
+        .add_option("--drain", options.drain,
+                    "How long what waits may take to leave before the stop; half of --stop-timeout")
+        ->check(seconds_check(0))
+        ->type_name("SECONDS");
 }
 
 } // namespace
@@ -188,6 +213,7 @@ void add_run_command(CLI::App& app, action& chosen) {
         ->needs(capture)
         ->type_name("BYTES")
         ->default_str("64M");
+    add_queue_options(command, *options);
     add_admin_option(command, options->admin);
     add_center_options(command, *options);
     add_json_option(command, options->json, "Print events and the sum as one JSON object a line");

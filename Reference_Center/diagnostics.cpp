@@ -1,9 +1,9 @@
 #include "Reference_Center/diagnostics.hpp"
 
-#include "Reference_Center/hand_over_book.hpp"
 #include "Reference_Center/output.hpp"
 #include "Reference_Host/output_sink.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -20,8 +20,7 @@ using std::chrono::steady_clock;
 constexpr std::chrono::minutes c_fold_time{1};
 constexpr std::chrono::seconds c_drain_time{1};
 constexpr std::size_t c_most_texts = 256;
-/// What the relay prints when the kernel does not take a datagram.
-constexpr std::string_view c_failed_datagram = "sent err : ";
+constinit std::atomic<std::uint64_t> g_folded_lines{0};
 
 /// The texts written within the last minute. Thread: the host's writing one, then the one that flushes.
 class line_folder {
@@ -35,6 +34,7 @@ public:
         fold& here = entry->second;
         if (!is_new && now < here.open_until) {
             ++here.held;
+            g_folded_lines.fetch_add(1, std::memory_order_relaxed);
             return;
         }
         write(entry->first, here.held);
@@ -73,9 +73,6 @@ line_folder& get_folder() {
 }
 
 void take_relay_line(Reference_Host::output_line const& line, void*) {
-    if (line.kind == Reference_Host::line_kind::error && line.text == c_failed_datagram) {
-        note_failed_datagram();
-    }
     if (line.kind == Reference_Host::line_kind::trace) {
         spdlog::debug("relay: {}", line.text);
     } else {
@@ -95,6 +92,10 @@ void start_diagnostics(chattiness level) {
                                                     : spdlog::level::debug);
     spdlog::set_default_logger(std::move(logger));
     Reference_Host::set_traces(level == chattiness::verbose ? "*" : "");
+}
+
+std::uint64_t count_folded_lines() {
+    return g_folded_lines.load(std::memory_order_relaxed);
 }
 
 void log_event(std::string_view text) {

@@ -2,6 +2,7 @@
 #ifndef REFERENCE_CENTER_DIAGNOSTICS_HPP
 #define REFERENCE_CENTER_DIAGNOSTICS_HPP
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,9 @@ enum class chattiness {
 void start_diagnostics(chattiness level);
 void log_event(std::string_view text);
 void log_warning(std::string_view text);
+
+/// Lines of the relay that were held back as repetitions.
+std::uint64_t count_folded_lines();
 
 /// Brings the relay's own lines into the log for as long as it lives. A line that repeats is folded: the first one is
 /// written at once, then one a minute with the number held back; the rest when this is destroyed.

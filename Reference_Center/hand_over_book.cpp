@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <fmt/format.h>
+#include <thread>
+#include <utility>
 
 namespace Zolt::Reference_Center {
 namespace {
@@ -17,9 +19,9 @@ constexpr std::uint64_t c_end_clock_mask = (std::uint64_t{1} << c_end_clock_bits
 struct book {
     std::atomic<std::uint64_t> handed_over{0};
     std::atomic<std::uint64_t> ends[4]{};
-    std::atomic<std::uint64_t> queued{0};
-    std::atomic<std::uint64_t> queued_bytes{0};
+    shared_counts queued;
     std::atomic<std::uint64_t> not_connected{0};
+    std::atomic<std::uint64_t> refused_by_limit{0};
     std::atomic<std::uint64_t> waited_bytes{c_nobody_waits};
     std::atomic<std::uint64_t> waited_packets{c_nobody_waits};
     std::atomic<std::uint32_t> next_number{1};
@@ -28,26 +30,47 @@ struct book {
 };
 
 constinit book g_book;
+constinit latency_windows g_latency;
 /// True while this thread is inside an operation of the relay that takes a packet: what ends then was dropped.
 constinit thread_local bool t_handing_over = false;
 
-/// The cookie is never 0: the number's half holds the number + 1.
-std::uint64_t make_cookie(std::uint32_t number, std::uint32_t size) {
-    return (std::uint64_t{number} + 1) << 32 | size;
+/// What a packet's cookie points to.
+struct packet_mark {
+    std::shared_ptr<peer_counts> counts;
+    std::uint64_t clock; ///< lemon_cpu_clock at the hand-over
+    std::uint32_t number;
+    std::uint32_t size; ///< as it travels
+};
+
+/// The cookie is the mark's owner until then.
+std::unique_ptr<packet_mark const> mark_of(std::uint64_t cookie) {
+    return std::unique_ptr<packet_mark const>(
+        reinterpret_cast<packet_mark const*>(static_cast<std::uintptr_t>(cookie)));
 }
 
 outcome find_outcome(struct_packet const& packet) {
     if (t_handing_over) {
         return outcome::dropped;
     }
-    return Reference_Host::get_kind(packet) == Reference_Host::packet_kind::error ? outcome::returned
-                                                                                  : outcome::written;
+    if (!Reference_Host::was_turned_back(packet)) {
+        return outcome::written;
+    }
+    bool const is_error = Reference_Host::get_kind(packet) == Reference_Host::packet_kind::error;
+    return is_error ? outcome::returned : outcome::dropped;
+}
+
+void count_end(packet_mark const& mark) {
+    mark.counts->queued.take_away(mark.size);
+    g_book.queued.take_away(mark.size);
 }
 
 void wake_if_below() {
     std::uint64_t const bytes = g_book.waited_bytes.load(std::memory_order_acquire);
-    if (bytes == c_nobody_waits || g_book.queued_bytes.load(std::memory_order_relaxed) > bytes ||
-        g_book.queued.load(std::memory_order_relaxed) > g_book.waited_packets.load(std::memory_order_relaxed)) {
+    if (bytes == c_nobody_waits) {
+        return;
+    }
+    traffic_counts const queued = g_book.queued.read();
+    if (queued.bytes > bytes || queued.packets > g_book.waited_packets.load(std::memory_order_relaxed)) {
         return;
     }
     if (g_book.waited_bytes.exchange(c_nobody_waits, std::memory_order_acq_rel) != c_nobody_waits) {
@@ -66,12 +89,17 @@ void note_numbered_end(std::uint32_t number, outcome how) {
 }
 
 void note_end(std::uint64_t cookie, struct_packet const& packet) {
+    auto const mark = mark_of(cookie);
     outcome const how = find_outcome(packet);
     g_book.ends[static_cast<unsigned int>(how)].fetch_add(1, std::memory_order_relaxed);
-    g_book.queued.fetch_sub(1, std::memory_order_relaxed);
-    g_book.queued_bytes.fetch_sub(cookie & 0xFFFFFFFFU, std::memory_order_release);
-    if (auto const number = static_cast<std::uint32_t>((cookie >> 32) - 1); number != 0) {
-        note_numbered_end(number, how);
+    if (how == outcome::written) {
+        std::uint64_t const time = Tesk::OS::lemon_cpu_clock() - mark->clock;
+        mark->counts->latency.add(time);
+        g_latency.add(time);
+    }
+    count_end(*mark);
+    if (mark->number != 0) {
+        note_numbered_end(mark->number, how);
     }
     wake_if_below();
 }
@@ -83,7 +111,7 @@ void open_hand_over_book() {
 }
 
 void close_hand_over_book() {
-    Reference_Host::set_release_observer(nullptr);
+    Reference_Host::set_release_observer([](std::uint64_t cookie, struct_packet const&) { mark_of(cookie); });
 }
 
 std::uint32_t take_packet_number() {
@@ -108,16 +136,37 @@ hand_over_counts count_hand_overs() {
     counts.returned = end(outcome::returned);
     counts.dropped = end(outcome::dropped);
     counts.failed = end(outcome::failed);
-    counts.queued = g_book.queued.load(std::memory_order_relaxed);
-    counts.queued_bytes = g_book.queued_bytes.load(std::memory_order_relaxed);
+    counts.queued = g_book.queued.read().packets;
+    counts.queued_bytes = g_book.queued.read().bytes;
     counts.not_connected = g_book.not_connected.load(std::memory_order_relaxed);
+    counts.refused_by_limit = g_book.refused_by_limit.load(std::memory_order_relaxed);
+    return counts;
+}
+
+hand_over_counts count_settled_hand_overs() {
+    constexpr int c_most_looks = 100;
+    hand_over_counts counts = count_hand_overs();
+    for (int looks = 1; looks < c_most_looks && !counts.balances(); ++looks) {
+        std::this_thread::yield();
+        counts = count_hand_overs();
+    }
     return counts;
 }
 
 std::string hand_over_text(hand_over_counts const& counts) {
-    return fmt::format("handed over {} = written {} + returned {} + dropped {} + failed {} + queued {}{}",
-                       counts.handed_over, counts.written, counts.returned, counts.dropped, counts.failed,
-                       counts.queued, counts.balances() ? "" : " (does not balance)");
+    std::string text =
+        fmt::format("handed over {} = written {} + returned {} + dropped {} + failed {} + queued {}",
+                    counts.handed_over, counts.written, counts.returned, counts.dropped, counts.failed, counts.queued);
+    if (!counts.balances()) {
+        text += " (does not balance)";
+    }
+    if (counts.refused_by_limit != 0) {
+        text += fmt::format("; refused by the limit {}", counts.refused_by_limit);
+    }
+    if (counts.not_connected != 0) {
+        text += fmt::format("; without a connection {}", counts.not_connected);
+    }
+    return text;
 }
 
 json_object hand_over_json(hand_over_counts const& counts) {
@@ -128,6 +177,7 @@ json_object hand_over_json(hand_over_counts const& counts) {
             {"failed", counts.failed},
             {"queued", counts.queued},
             {"not_connected", counts.not_connected},
+            {"refused_by_limit", counts.refused_by_limit},
             {"balances", counts.balances()}};
 }
 
@@ -143,12 +193,38 @@ void wake_when_queue_is_below(std::uint64_t bytes, std::uint64_t packets) {
     wake_if_below();
 }
 
-hand_over::hand_over(struct_token& token, std::uint32_t number)
-    : size(token.has_data() ? token.get_header_packet()->get_data_size() : 0) {
+void note_not_connected() {
+    g_book.not_connected.fetch_add(1, std::memory_order_relaxed);
+}
+
+void note_refused_by_limit() {
+    g_book.refused_by_limit.fetch_add(1, std::memory_order_relaxed);
+}
+
+latency_summary summarize_hand_overs() {
+    return g_latency.summarize();
+}
+
+void turn_hand_over_latency() {
+    g_latency.turn();
+}
+
+std::uint32_t travelling_size(struct_token& token) {
+    struct_packet* const header = token.get_header_packet();
+    return header->get_header_size() + (token.has_data() ? header->get_data_size() : 0);
+}
+
+void mark_handed_over(struct_token& token, std::uint32_t number, std::shared_ptr<peer_counts> counts) {
+    std::uint32_t const size = travelling_size(token);
+    counts->queued.add(size);
     g_book.handed_over.fetch_add(1, std::memory_order_relaxed);
-    g_book.queued.fetch_add(1, std::memory_order_relaxed);
-    g_book.queued_bytes.fetch_add(size, std::memory_order_relaxed);
-    Reference_Host::set_cookie(*token.get_header_packet(), make_cookie(number, size));
+    g_book.queued.add(size);
+    auto* const mark = new packet_mark{std::move(counts), Tesk::OS::lemon_cpu_clock(), number, size};
+    Reference_Host::set_cookie(*token.get_header_packet(), reinterpret_cast<std::uintptr_t>(mark));
+}
+
+hand_over::hand_over(struct_token& token, std::uint32_t number, std::shared_ptr<peer_counts> counts) {
+    mark_handed_over(token, number, std::move(counts));
     t_handing_over = true;
 }
 
@@ -157,11 +233,11 @@ hand_over::~hand_over() {
 }
 
 void hand_over::was_refused(struct_token& token) {
-    Reference_Host::set_cookie(*token.get_header_packet(), 0);
+    struct_packet& header = *token.get_header_packet();
+    count_end(*mark_of(Reference_Host::get_cookie(header)));
+    Reference_Host::set_cookie(header, 0);
     g_book.handed_over.fetch_sub(1, std::memory_order_relaxed);
-    g_book.queued.fetch_sub(1, std::memory_order_relaxed);
-    g_book.queued_bytes.fetch_sub(size, std::memory_order_relaxed);
-    g_book.not_connected.fetch_add(1, std::memory_order_relaxed);
+    note_not_connected();
 }
 
 } // namespace Zolt::Reference_Center

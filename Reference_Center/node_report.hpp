@@ -3,6 +3,7 @@
 #define REFERENCE_CENTER_NODE_REPORT_HPP
 
 #include "Reference_Center/hand_over_book.hpp"
+#include "Reference_Center/latency_windows.hpp"
 #include "Reference_Center/peer.hpp"
 
 #include <cstdint>
@@ -20,19 +21,10 @@ struct traffic_rates {
     double bytes_out_per_s = 0;
 };
 
-/// From the hand-over to the relay until the kernel had taken the packet whole, in microseconds.
-struct latency_summary {
-    std::uint64_t count = 0; ///< of packets that the figures stand for; with 0 they say nothing
-    double p50 = 0;
-    double p90 = 0;
-    double p99 = 0;
-    double max = 0;
-};
-
 /// What was handed to the relay and is not freed yet.
 struct queue_report {
     std::uint64_t packets = 0;
-    std::uint64_t bytes = 0; ///< of data
+    std::uint64_t bytes = 0; ///< as they travel, headers included
 };
 
 struct inbox_report {
@@ -54,7 +46,7 @@ struct listener_report {
     std::uint16_t port = 0;
     std::uint32_t backlog = 0; ///< connections that wait to be accepted
     std::uint32_t backlog_limit = 0;
-    std::uint64_t knocks = 0; ///< connections that the Center made to itself so that the relay accepts those
+    std::uint64_t knocks = 0; ///< how often the Center had to call the relay's attention to those
 };
 
 struct status_report {
@@ -76,7 +68,7 @@ struct status_report {
     queue_report queue; ///< to all peers
     std::optional<std::uint64_t> max_queue_bytes;
     hand_over_counts outcomes;
-    latency_summary latency;
+    latency_summary latency; ///< from the hand-over to the relay until written, of the last half minute or minute
     std::vector<thread_report> threads;
     std::vector<listener_report> listeners;
     std::uint64_t lost_lines = 0;   ///< of the relay, which the host could not write
@@ -94,13 +86,13 @@ char const* peer_state_text(peer_state state);
 struct peer_report {
     peer who;
     peer_state state = peer_state::established;
-    double since_s = 0; ///< how long it has been in that state
+    double since_s = 0; ///< how long it has been established, without a connection, or tried for one
     traffic_counts in;  ///< of a destination: over all its connections
     traffic_counts out;
     traffic_rates rates;
     queue_report queue;
     latency_summary latency;
-    double silent_s = 0; ///< since anything came from the peer, heartbeats included
+    double silent_s = 0; ///< since any byte came from the peer; of one without a connection, as since_s
 };
 
 /// Why a connection ended, or did not come about.

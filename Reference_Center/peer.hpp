@@ -39,6 +39,9 @@ struct traffic_counts {
     friend traffic_counts operator+(traffic_counts const& a, traffic_counts const& b) {
         return {a.packets + b.packets, a.bytes + b.bytes};
     }
+    friend traffic_counts operator-(traffic_counts const& a, traffic_counts const& b) {
+        return {a.packets - b.packets, a.bytes - b.bytes};
+    }
     friend bool operator==(traffic_counts const&, traffic_counts const&) = default;
 };
 

@@ -4,9 +4,7 @@
 #include "Reference_Host/inbox.hpp"
 
 #include <csignal>
-#include <cstdint>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -40,18 +38,15 @@ bool blocked_signals::take() const {
     return ::read(signal_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info);
 }
 
-stop_signals::stop_signals() : end_fd(checked(::eventfd(0, EFD_CLOEXEC), "eventfd")), watcher([this] { watch(); }) {}
+stop_signals::stop_signals() : watcher([this] { watch(); }) {}
 
 stop_signals::~stop_signals() {
-    std::uint64_t const one = 1;
-    // An event descriptor takes a small number in any state.
-    static_cast<void>(::write(end_fd, &one, sizeof one) == 0);
+    end.signal();
     watcher.join();
-    ::close(end_fd);
 }
 
 void stop_signals::watch() {
-    pollfd waited[2] = {{signals.descriptor(), POLLIN, 0}, {end_fd, POLLIN, 0}};
+    pollfd waited[2] = {{signals.descriptor(), POLLIN, 0}, {end.number(), POLLIN, 0}};
     for (;;) {
         ::poll(waited, 2, -1);
         if (waited[1].revents != 0) {

@@ -2,6 +2,8 @@
 #ifndef REFERENCE_CENTER_STOP_SIGNALS_HPP
 #define REFERENCE_CENTER_STOP_SIGNALS_HPP
 
+#include "Reference_Center/event_descriptor.hpp"
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -41,7 +43,7 @@ private:
     void note_signal();
 
     blocked_signals const signals;
-    int end_fd;
+    event_descriptor end;
     std::atomic<bool> requested{false};
     std::chrono::steady_clock::time_point first_at; ///< the watcher's
     std::thread watcher;
