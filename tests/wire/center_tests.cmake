@@ -55,3 +55,15 @@ center_test(hostile_silence hostile_silence_test)
 # What a running Center tells of itself.
 center_test(admin admin_test)
 center_test(admin_commands admin_commands_test)
+
+center_test(center_account center_account_test Peers Ends Queues Burst Service)
+center_test(center_account_long center_account_test LongEnds)
+set_tests_properties(wire.center_account_long PROPERTIES LABELS "wire;long")
+# A sanitizer wants to stand before every other library.
+if(NOT INET_RELAY_SANITIZE)
+  add_library(ended_thread MODULE ended_thread.cpp)
+  target_link_libraries(ended_thread PRIVATE house)
+  center_test(center_account_threads center_account_test Threads EndedService)
+  set_property(TEST wire.center_account_threads APPEND PROPERTY
+    ENVIRONMENT "ENDED_THREAD_LIBRARY=$<TARGET_FILE:ended_thread>")
+endif()

@@ -11,7 +11,7 @@ import center_support as support
 
 COMMANDS = {
     "run": ["--listen", "--connect", "--echo", "--admin", "--seconds", "--config", "--max-packet", "--wait-port",
-            "--stop-timeout", "--json"],
+            "--stop-timeout", "--max-queue", "--drain", "--json"],
     "send": ["--to", "--tcp", "--udp", "--size", "--lines", "--port", "--interface", "--rate", "--wait", "FILE"],
     "listen": ["--port", "--format", "--count", "--seconds", "--once", "--group", "--source", "--interface"],
     "ping": ["--to", "--port", "--count", "--interval", "--timeout", "--size", "--signal"],
