@@ -165,7 +165,7 @@ constexpr metric c_metrics[] = {
      [](sample_writer& out, snapshot const& now) { out.add(now.status.inbox.busy_time_s); }},
     {"zolt_queue_packets", "gauge", "Packets handed to the relay and not ended yet.",
      [](sample_writer& out, snapshot const& now) { out.add(now.status.queue.packets); }},
-    {"zolt_queue_bytes", "gauge", "Data of the packets handed to the relay and not ended yet.",
+    {"zolt_queue_bytes", "gauge", "Bytes of those packets as they travel, headers included.",
      [](sample_writer& out, snapshot const& now) { out.add(now.status.queue.bytes); }},
     {"zolt_queue_limit_bytes", "gauge", "What may be queued at most; absent without a limit.",
      [](sample_writer& out, snapshot const& now) {
@@ -179,6 +179,7 @@ constexpr metric c_metrics[] = {
     {"zolt_not_handed_over_total", "counter", "Packets that were not handed to the relay, by the reason.",
      [](sample_writer& out, snapshot const& now) {
          out.add(now.status.outcomes.not_connected, {{"reason", "not_connected"}});
+         out.add(now.status.outcomes.refused_by_limit, {{"reason", "refused_by_limit"}});
      }},
     {"zolt_write_latency_seconds", "gauge",
      "From the hand-over until the kernel had taken the packet, of recent packets; absent without any.",
@@ -187,7 +188,7 @@ constexpr metric c_metrics[] = {
      add_listeners<&listener_report::backlog>},
     {"zolt_listener_backlog_limit", "gauge", "How many connections may wait to be accepted.",
      add_listeners<&listener_report::backlog_limit>},
-    {"zolt_listener_knocks_total", "counter", "Connections that the Center made to itself so that the relay accepts.",
+    {"zolt_listener_knocks_total", "counter", "How often the Center called the relay's attention to those that wait.",
      add_listeners<&listener_report::knocks>},
     {"zolt_lost_lines_total", "counter", "Lines of the relay that could not be written.",
      [](sample_writer& out, snapshot const& now) { out.add(now.status.lost_lines); }},
@@ -208,7 +209,7 @@ constexpr metric c_metrics[] = {
      add_peer_totals<&traffic_counts::bytes>},
     {"zolt_peer_queue_packets", "gauge", "Packets handed over for that peer and not ended yet.",
      add_peer_queues<&queue_report::packets>},
-    {"zolt_peer_queue_bytes", "gauge", "Data of the packets handed over for that peer and not ended yet.",
+    {"zolt_peer_queue_bytes", "gauge", "Bytes of those packets as they travel, headers included.",
      add_peer_queues<&queue_report::bytes>},
     {"zolt_peer_write_latency_seconds", "gauge", "As zolt_write_latency_seconds, of that peer's packets.",
      add_peer_latencies},
