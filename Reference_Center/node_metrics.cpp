@@ -182,7 +182,8 @@ constexpr metric c_metrics[] = {
          out.add(now.status.outcomes.refused_by_limit, {{"reason", "refused_by_limit"}});
      }},
     {"zolt_write_latency_seconds", "gauge",
-     "From the hand-over until the kernel had taken the packet, of recent packets; absent without any.",
+     "From the hand-over until the kernel had taken the packet, of the last half minute or minute; absent without "
+     "packets.",
      [](sample_writer& out, snapshot const& now) { add_latency(out, now.status.latency, {}); }},
     {"zolt_listener_backlog", "gauge", "Connections that wait to be accepted.",
      add_listeners<&listener_report::backlog>},
