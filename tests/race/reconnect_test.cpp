@@ -323,15 +323,22 @@ protected:
         wait_until(now + c_apart);
     }
 
+    /// Each connect is cancelled at about the moment at which it is answered, while the set-up thread lags behind. How many
+    /// were cancelled and made again.
+    int race();
+
     std::vector<std::uint16_t> ports;
     std::vector<descriptor> listeners;
     std::vector<clock_type::time_point> cancellations;
     clock_type::duration asked_again{};
+    std::mt19937 random{20260731};
 };
 
-/// Each connect is cancelled at about the moment at which it is answered, while the set-up thread lags behind.
-TEST_F(opened_holes, that_answer_while_they_are_cancelled_end_in_one_working_connection_each) {
-    std::mt19937 random{20260731};
+int opened_holes::race() {
+    int const before = attempts();
+    ports.clear();
+    listeners.clear();
+    cancellations.clear();
     for (int i = 0; i < c_destinations; ++i) {
         connect_and_open(std::chrono::milliseconds(random() % 25) - 12ms);
     }
@@ -350,12 +357,22 @@ TEST_F(opened_holes, that_answer_while_they_are_cancelled_end_in_one_working_con
         return count_outgoing() == outgoing_counts{c_destinations, c_destinations, c_destinations};
     }));
     EXPECT_TRUE(eventually([&] { return center.connected.load() - center.disconnected.load() == c_destinations; }));
-    int const again = attempts() - 1 - c_destinations; // the first one was measured
-    EXPECT_TRUE(0 < again && again < c_destinations) << again << " were cancelled: there was no race";
+    int const again = attempts() - before - c_destinations;
     for (std::uint16_t const there : ports) {
         INet_Relay::del_client(c_loopback, there);
     }
     EXPECT_TRUE(eventually([this] { return is_gone(); }));
+    return again;
+}
+
+TEST_F(opened_holes, that_answer_while_they_are_cancelled_end_in_one_working_connection_each) {
+    // On a machine that is busy with something else either side may win every time.
+    constexpr int c_most_races = 4;
+    int again = 0;
+    for (int races = 0; races < c_most_races && (again == 0 || again == c_destinations); ++races) {
+        again = race();
+    }
+    EXPECT_TRUE(0 < again && again < c_destinations) << again << " were cancelled: there was no race";
     EXPECT_EQ(center.connected.load(), center.disconnected.load());
 }
 

@@ -225,7 +225,7 @@ class Run(Traffic):
         return numbers
 
     def test_says_in_one_line_that_it_is_ready(self):
-        center, port = self.run_center("--connect", "127.0.0.1:9")
+        center, port = self.run_center("--connect", "127.0.0.1:9", "--admin", "none")
         self.assertEqual(center.text["stdout"].decode(),
                          f"ready; serving {port} over UDP and TCP; connecting to 127.0.0.1:9\n")
 
