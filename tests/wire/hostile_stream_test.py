@@ -15,8 +15,9 @@ MANY = 1_000_000
 GARBAGE_SEED = 20_011
 UNREAD_CALLS = 300_000
 LARGE = 64 << 20
-# An answer that waits is a header of 72 bytes, and as much again: what is known about it, its node, its place in the queue.
-PER_ANSWER = 128
+# An answer that waits is a header of 72 bytes, and as much again: what is known about it, its node, its place in the queue;
+# and what the account keeps of it.
+PER_ANSWER = 192
 # What the program gives itself to stop.
 STOP_TIME = 5
 

@@ -24,7 +24,7 @@ ALLOWANCE = 2 << 20
 # The sanitizers keep what was freed, so a build with them says nothing about memory.
 MEASURES_MEMORY = not os.environ.get("CENTER_IS_SANITIZED")
 STOPPED = re.compile(r"stopped; arrived (\d+) packets with \d+ bytes; handed over (\d+) = written (\d+) \+ returned (\d+) \+ "
-                     r"dropped (\d+) \+ failed (\d+) \+ queued (\d+)\n$")
+                     r"dropped (\d+) \+ failed (\d+) \+ queued (\d+)(?:; without a connection \d+)?\n$")
 LINE = re.compile(r"^[0-9:.]+ (?:warning|error) relay: (.*?)(?: \(held back \d+ times\))?$")
 # What the relay prints about a connection that ends at once.
 KNOCKED = "recv server init 에러"
