@@ -84,7 +84,11 @@ std::string bench_session::name_of(std::size_t number) const {
 bool bench_session::send(std::size_t to, std::uint64_t number, packet_kind kind, std::uint16_t flags) {
     peer const& who = peers[to].who;
     bool const is_taken = node.send(who, make(who.address, to, number, kind, flags));
-    handed_over += is_taken ? 1 : 0;
+    if (is_taken) {
+        ++handed_over;
+    } else {
+        note_end(peers[to]); // its notice may still be on its way
+    }
     return is_taken;
 }
 
@@ -151,8 +155,14 @@ void bench_session::on_connected(peer const& who) {
 
 void bench_session::on_disconnected(peer const& who) {
     if (bench_peer* const one = find(who)) {
-        one->has_ended = true;
-        trouble = trouble.empty() ? fmt::format("the connection to {} has ended", address_text(who.address)) : trouble;
+        note_end(*one);
+    }
+}
+
+void bench_session::note_end(bench_peer& one) {
+    one.has_ended = true;
+    if (trouble.empty()) {
+        trouble = fmt::format("the connection to {} has ended", address_text(one.who.address));
     }
 }
 

@@ -70,6 +70,7 @@ private:
                       std::uint16_t flags) const;
     std::size_t index_of(struct_packet const& header, struct_node_addr from) const;
     void look_after(bench_time now);
+    void note_end(bench_peer& one);
 
     bench_plan const& plan;
     stop_signals const& signals;

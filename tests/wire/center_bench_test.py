@@ -111,9 +111,11 @@ class OwnCenter(Bench):
         self.check_trips(self.measure("tcp", *SHORT, "--calls"), 1)
 
     def test_answers_each_broadcast_once_for_each_peer(self):
-        told = self.measure("broadcast", *SHORT)
-        self.check_trips(told, 1)
-        self.assertEqual(told["whole_broadcast_us"], told["latency_us"])
+        told = self.measure("broadcast", *SHORT, "--peers", 3)
+        self.check_trips(told, 3)
+        broadcasts = told["whole_broadcast_us"]
+        self.assertEqual(told["outcomes"]["sent"], 3 * broadcasts["count"])
+        self.assertGreaterEqual(broadcasts["p50"], told["latency_us"]["p50"])
 
     def test_counts_what_goes_one_way(self):
         told = self.measure("tcp", *SHORT, "--one-way", "--peers", 2)
@@ -220,8 +222,10 @@ class Peers(Bench):
                 hand.send(packet.data, flags=ECHO, sequence=packet.sequence)
             hand.connection.close()
             told = self.finish(load, 1, LOST_PEER)
-        self.assertEqual(told["outcomes"]["answered"], 5)
-        self.assertEqual(told["outcomes"]["returned"] + told["outcomes"]["lost"], 2)
+        # What came just before the end may not have been read, and the end may come before or after the next packet.
+        outcomes = told["outcomes"]
+        self.assertIn(outcomes["answered"], (3, 4, 5))
+        self.assertIn(outcomes["sent"] - outcomes["answered"], (1, 2, 3))
         self.assertRegex(told["error"]["text"], "^the connection to 127.0.0.1:[0-9]+ has ended")
 
     def test_that_send_what_was_not_asked_for_change_nothing(self):
