@@ -92,6 +92,11 @@ def let_pass(seconds):
     browser.run("const now = performance.now.bind(performance); performance.now = () => now() + arguments[0] * 1000", seconds)
 
 
+def look_now():
+    """The page asks the Center at once, as it does when it comes into sight."""
+    browser.run("document.dispatchEvent(new Event('visibilitychange'))")
+
+
 def channels(colour):
     return [float(part) for part in re.findall(r"[\d.]+", colour)][:3]
 
@@ -168,6 +173,7 @@ class Figures(Page):
         status["threads"][4]["running"] = False
         status["outcomes"].update(written=1_035_697, balances=False)
         self.center.change(status=status)
+        look_now()
         wait_for("the pill says so", lambda: browser.text("#health") == "not healthy")
         self.assertEqual(browser.run("return [...document.querySelectorAll('#problems li')].map((one) => one.textContent)"),
                          ["tcp_send ended", "<b>7001</b> is held"])
@@ -251,12 +257,16 @@ class Peers(Page):
         self.open()
         wait_for("both are drawn", lambda: node("10.0.0.2:40000") and node("10.0.0.3:40000"))
         self.center.show_peers([])
+        look_now()
         wait_for("both are red", lambda: "gone" in node("10.0.0.2:40000")["names"])
         self.center.show_peers([peer("10.0.0.3:40000")])
+        look_now()
         wait_for("one is back", lambda: "established" in node("10.0.0.3:40000")["names"])
         let_pass(6.5)
+        look_now()
         wait_for("the other one fades", lambda: "fades" in node("10.0.0.2:40000")["names"])
         let_pass(2)
+        look_now()
         wait_for("the other one is no longer there", lambda: node("10.0.0.2:40000") is None)
         self.assertIn("established", node("10.0.0.3:40000")["names"])
         self.assertEqual(column("address"), ["10.0.0.3:40000"])
@@ -461,6 +471,7 @@ class Absence(Page):
         self.open()
         wait_for("the peer", lambda: node("10.0.0.2:40000"))
         self.center.change(status={**fake_center.status(), "started_unix_ms": 1_700_000_100_000}, peers={"peers": []})
+        look_now()
         wait_for("the page says so", lambda: not self.hidden("#notice"))
         self.assertRegex(browser.text("#notice"), r"^The Center was started anew at ")
         self.assertIsNone(node("10.0.0.2:40000"))
