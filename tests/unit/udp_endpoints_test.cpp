@@ -216,12 +216,14 @@ TEST_F(udp_endpoints, an_opening_without_memory_is_undone_and_thrown_on) {
             is_open = EPoll::udp_initialize(0) == 0;
         } catch (std::bad_alloc const&) {
             EXPECT_TRUE(EPoll::g_udp_map.empty());
+            EXPECT_EQ(EPoll::g_arrivals, nullptr) << "the timer would look at a record that is gone";
         }
         fail_allocation(0);
         record(true);
     }
-    EXPECT_GT(failed, 2) << "the record, and its entry";
+    EXPECT_GT(failed, 3) << "the record, its arrivals, and its entry";
     EXPECT_EQ(EPoll::udp_finalize(), 0);
+    EXPECT_EQ(EPoll::g_arrivals, nullptr);
     // What an attempt had opened is closed: the balance at the end sees descriptors and locks.
 }
 
