@@ -2,13 +2,13 @@
 
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/admin_site.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/failure.hpp"
 #include "Reference_Center/options.hpp"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -85,7 +85,7 @@ private:
     void require(bool is_so) const {
         if (!is_so) {
             throw failure(exit_code::unreachable,
-                          fmt::format("no Center answers at {}: {}", address_text(where), std::strerror(errno)));
+                          fmt::format("no Center answers at {}: {}", address_text(where), describe_error(errno)));
         }
     }
 

@@ -2,6 +2,7 @@
 
 #include "Center/INet_Relay/EPoll/inet_relay_epoll.hpp"
 #include "Reference_Center/configuration.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/failure.hpp"
 #include "Reference_Center/output.hpp"
 #include "Reference_Center/port_holder.hpp"
@@ -11,7 +12,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <fmt/format.h>
 #include <future>
 #include <span>
@@ -54,7 +54,7 @@ void serve_port(std::uint16_t port) {
     int const error = Center::INet_Relay::add_server(port);
     if (error != 0) {
         throw failure(exit_code::port_unavailable,
-                      fmt::format("port {} cannot be served: {}", port, std::strerror(error)));
+                      fmt::format("port {} cannot be served: {}", port, describe_error(error)));
     }
 }
 

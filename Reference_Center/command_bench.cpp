@@ -4,6 +4,7 @@
 #include "Reference_Center/bench_report.hpp"
 #include "Reference_Center/bench_stream.hpp"
 #include "Reference_Center/bench_trips.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/latency_plot.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/port_holder.hpp"
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
@@ -107,7 +107,7 @@ public:
 private:
     void check(bool done) const {
         if (!done) {
-            throw failure(exit_code::failed, fmt::format("cannot write {}: {}", name, std::strerror(errno)));
+            throw failure(exit_code::failed, fmt::format("cannot write {}: {}", name, describe_error(errno)));
         }
     }
 

@@ -2,6 +2,7 @@
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/configuration.hpp"
 #include "Reference_Center/demo_story.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/port_holder.hpp"
 #include "Reference_Center/private_networks.hpp"
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
@@ -45,7 +45,7 @@ struct demo_options {
 // --- the file that travels -------------------------------------------------------------------------------------
 
 [[noreturn]] void fail_with_errno(std::string const& what) {
-    throw failure(exit_code::failed, fmt::format("{}: {}", what, std::strerror(errno)));
+    throw failure(exit_code::failed, fmt::format("{}: {}", what, describe_error(errno)));
 }
 
 /// Bytes without a pattern, the same in every run.

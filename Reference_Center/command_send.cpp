@@ -1,13 +1,13 @@
 // zolt-center send: standard input, or a file, as packets to a peer.
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/center.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/output.hpp"
 #include "Reference_Center/port_holder.hpp"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
@@ -50,7 +50,7 @@ public:
         : fd(file == "-" ? STDIN_FILENO : ::open(file.c_str(), O_RDONLY | O_CLOEXEC)), size(packet_size),
           by_lines(at_lines) {
         if (fd == -1) {
-            throw failure(exit_code::failed, fmt::format("cannot read {}: {}", file, std::strerror(errno)));
+            throw failure(exit_code::failed, fmt::format("cannot read {}: {}", file, describe_error(errno)));
         }
     }
     ~packet_source() { ::close(fd); }
@@ -90,7 +90,7 @@ private:
         ssize_t const got = ::read(fd, waiting.data() + before, waiting.size() - before);
         waiting.resize(before + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         if (got < 0 && errno != EINTR && errno != EAGAIN) {
-            throw failure(exit_code::failed, fmt::format("cannot read the input: {}", std::strerror(errno)));
+            throw failure(exit_code::failed, fmt::format("cannot read the input: {}", describe_error(errno)));
         }
         ended = got == 0;
     }

@@ -1,11 +1,11 @@
 #include "Reference_Center/configuration.hpp"
 
 #include "Reference_Center/configuration_keys.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/failure.hpp"
 #include "Reference_Host/ini_file.hpp"
 
 #include <cerrno>
-#include <cstring>
 #include <fmt/format.h>
 
 namespace Zolt::Reference_Center {
@@ -18,7 +18,7 @@ configuration_text read_configuration_text(std::string const& path) {
         text.is_present = false;
     } else if (error != 0) {
         throw failure(exit_code::bad_configuration,
-                      fmt::format("cannot read configuration file {}: {}", text.file, std::strerror(error)));
+                      fmt::format("cannot read configuration file {}: {}", text.file, describe_error(error)));
     }
     return text;
 }

@@ -1,5 +1,6 @@
 #include "Reference_Center/connection_observer.hpp"
 
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/hand_over_book.hpp"
 #include "Reference_Center/socket_facts.hpp"
 #include "Reference_Host/packet_reading.hpp"
@@ -83,7 +84,7 @@ std::string end_text(connection_end end) {
     case close_reason::shutdown:
         return "this Center stopped";
     default:
-        return std::strerror(end.error);
+        return describe_error(end.error);
     }
 }
 
@@ -210,12 +211,12 @@ void connection_observer::note_failed_exchange(std::uint32_t ip) {
     if (failed->second.is_connected) {
         end_attempt(failed, close_reason::init_failed,
                     took_long    ? "the peer did not complete the opening exchange in time"
-                    : error != 0 ? std::strerror(error)
+                    : error != 0 ? describe_error(error)
                                  : "the connection ended within the opening exchange");
     } else if (took_long || error == ETIMEDOUT) {
         end_attempt(failed, close_reason::connect_timeout, "the peer did not answer in time");
     } else {
-        end_attempt(failed, close_reason::refused, error != 0 ? std::strerror(error) : "the attempt was ended");
+        end_attempt(failed, close_reason::refused, error != 0 ? describe_error(error) : "the attempt was ended");
     }
 }
 
@@ -232,7 +233,7 @@ void connection_observer::on_error(std::string_view text) {
         auto const failed = known.find(*t_state.trying);
         if (failed != known.end() && failed->second.is_under_way) {
             std::string const what = text == "bind" ? "the local port of before cannot be used: " : "";
-            end_attempt(failed, close_reason::refused, what + std::strerror(error));
+            end_attempt(failed, close_reason::refused, what + describe_error(error));
         }
     }
     errno = error;

@@ -1,9 +1,10 @@
 #include "Reference_Center/demo_process.hpp"
 
+#include "Reference_Center/error_description.hpp"
+
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -24,7 +25,7 @@ struct channel {
 channel open_channel() {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) {
-        throw failure(exit_code::failed, std::string("cannot open a pipe: ") + std::strerror(errno));
+        throw failure(exit_code::failed, std::string("cannot open a pipe: ") + describe_error(errno));
     }
     return {ends[0], ends[1]};
 }
@@ -93,7 +94,7 @@ node_process::node_process(node_start const& start) {
         ::close(descriptor);
     }
     if (pid == -1) {
-        throw failure(exit_code::failed, std::string("cannot start a process: ") + std::strerror(errno));
+        throw failure(exit_code::failed, std::string("cannot start a process: ") + describe_error(errno));
     }
 }
 

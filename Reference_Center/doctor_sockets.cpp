@@ -2,12 +2,12 @@
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/center_processes.hpp"
 #include "Reference_Center/doctor.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/port_holder.hpp"
 #include "Reference_Center/socket_list.hpp"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fmt/format.h>
 #include <fstream>
 #include <netinet/in.h>
@@ -197,7 +197,7 @@ void examine_reach(struct_node_addr peer, std::string const& check, diagnoses& f
         return;
     }
     found.push_back(
-        {check, verdict::problem, fmt::format("no connection: {}", std::strerror(error)), connect_advice(error)});
+        {check, verdict::problem, fmt::format("no connection: {}", describe_error(error)), connect_advice(error)});
 }
 
 /// The connection with the peer that the list has in that state, or null.

@@ -4,13 +4,13 @@
 #include "Reference_Center/configuration.hpp"
 #include "Reference_Center/configuration_check.hpp"
 #include "Reference_Center/doctor.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/failure.hpp"
 #include "Reference_Center/private_networks.hpp"
 
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <fmt/format.h>
 #include <fstream>
 #include <netinet/in.h>
@@ -119,7 +119,7 @@ void examine_multicast(diagnoses& found) {
         found.push_back({"multicast route", verdict::ok,
                          fmt::format("multicast goes out by {}", ip_text(address.sin_addr.s_addr)), ""});
     } else {
-        found.push_back({"multicast route", verdict::warning, fmt::format("none: {}", std::strerror(error)),
+        found.push_back({"multicast route", verdict::warning, fmt::format("none: {}", describe_error(error)),
                          "ip route add 232.0.0.0/8 dev INTERFACE"});
     }
 }

@@ -2,8 +2,9 @@
 #ifndef REFERENCE_CENTER_FAILURE_HPP
 #define REFERENCE_CENTER_FAILURE_HPP
 
+#include "Reference_Center/error_description.hpp"
+
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -35,7 +36,7 @@ private:
 /// The descriptor that a system call answered; throws failure when it is -1, by errno.
 inline int checked(int descriptor, char const* what) {
     if (descriptor == -1) {
-        throw failure(exit_code::failed, std::string(what) + ": " + std::strerror(errno));
+        throw failure(exit_code::failed, std::string(what) + ": " + describe_error(errno));
     }
     return descriptor;
 }

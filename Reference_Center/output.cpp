@@ -1,8 +1,9 @@
 #include "Reference_Center/output.hpp"
 
+#include "Reference_Center/error_description.hpp"
+
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <poll.h>
 #include <unistd.h>
 
@@ -36,7 +37,7 @@ std::string to_line(json_object const& object) {
 
 void write_out(std::string_view text) {
     if (int const error = write_whole(STDOUT_FILENO, text); error != 0) {
-        throw failure(exit_code::failed, "cannot write to standard output: " + std::string(std::strerror(error)));
+        throw failure(exit_code::failed, "cannot write to standard output: " + describe_error(error));
     }
 }
 

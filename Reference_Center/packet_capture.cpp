@@ -1,6 +1,7 @@
 #include "Reference_Center/packet_capture.hpp"
 
 #include "Reference_Center/diagnostics.hpp"
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/failure.hpp"
 #include "Reference_Host/packet_building.hpp"
 #include "Reference_Host/packet_layout.hpp"
@@ -9,7 +10,6 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
@@ -71,7 +71,7 @@ packet_capture::packet_capture(std::string const& file, std::uint64_t limit) : n
     }
     fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd == -1) {
-        throw failure(exit_code::failed, fmt::format("cannot write {}: {}", name, std::strerror(errno)));
+        throw failure(exit_code::failed, fmt::format("cannot write {}: {}", name, describe_error(errno)));
     }
     bytes head;
     number_writer(head).add_32(c_magic).add_16(2).add_16(4).add_32(0).add_32(0).add_32(c_longest).add_32(c_raw_ip);
@@ -183,7 +183,7 @@ void packet_capture::write(bytes const& record) {
     }
     ssize_t const put = ::write(fd, record.data(), record.size());
     if (put != static_cast<ssize_t>(record.size())) {
-        end(fmt::format("cannot be written: {}", put == -1 ? std::strerror(errno) : "no room"));
+        end(fmt::format("cannot be written: {}", put == -1 ? describe_error(errno) : "no room"));
         return;
     }
     written += record.size();

@@ -1,12 +1,12 @@
 #include "Reference_Center/port_holder.hpp"
 
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/failure.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
@@ -166,7 +166,7 @@ std::string describe(std::uint16_t port, port_trouble const& trouble) {
     if (trouble.error == EADDRINUSE) {
         return fmt::format("port {} is taken over {}: by {}", port, over, describe_holder(port, trouble.over));
     }
-    return fmt::format("port {} cannot be served over {}: {}", port, over, std::strerror(trouble.error));
+    return fmt::format("port {} cannot be served over {}: {}", port, over, describe_error(trouble.error));
 }
 
 } // namespace Zolt::Reference_Center

@@ -1,5 +1,6 @@
 #include "Reference_Center/private_networks.hpp"
 
+#include "Reference_Center/error_description.hpp"
 #include "Reference_Center/failure.hpp"
 
 #include <arpa/inet.h>
@@ -26,7 +27,7 @@ constexpr unsigned char c_prefix_bits = 24;
 constexpr std::uint32_t c_host_bits = 0xFF;
 
 [[noreturn]] void refuse(std::string const& step, int error) {
-    throw failure(exit_code::skipped, fmt::format("{}: {}", step, std::strerror(error)));
+    throw failure(exit_code::skipped, fmt::format("{}: {}", step, describe_error(error)));
 }
 
 // --- requests to the kernel's routing interface ----------------------------------------------------------------
@@ -205,7 +206,7 @@ void switch_to(int network) {
 std::string why_no_private_networks(std::array<cable_end, 2> const& ends) {
     int channel[2];
     if (::pipe2(channel, O_CLOEXEC) != 0) {
-        return std::strerror(errno);
+        return describe_error(errno);
     }
     pid_t const trial = ::fork();
     if (trial == 0) {
