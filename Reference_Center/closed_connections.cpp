@@ -26,6 +26,7 @@ std::int64_t unix_ms_now() {
 void closed_connections::add(closed_report report) {
     report.closed_unix_ms = unix_ms_now();
     std::lock_guard const hold(lock);
+    ++counts[static_cast<std::size_t>(report.reason)];
     auto const last = std::find_if(entries.begin(), entries.end(),
                                    [&](closed_report const& entry) { return is_same_end(entry.who, report.who); });
     if (last != entries.end() && !was_established(*last) && !was_established(report) && last->reason == report.reason) {
@@ -41,6 +42,11 @@ void closed_connections::add(closed_report report) {
 std::vector<closed_report> closed_connections::take() const {
     std::lock_guard const hold(lock);
     return {entries.begin(), entries.end()};
+}
+
+close_counts closed_connections::count() const {
+    std::lock_guard const hold(lock);
+    return counts;
 }
 
 } // namespace Zolt::Reference_Center

@@ -23,10 +23,13 @@ public:
     void add(closed_report report);
     /// Newest first.
     std::vector<closed_report> take() const;
+    /// All since the start.
+    close_counts count() const;
 
 private:
     mutable std::mutex lock;
     std::deque<closed_report> entries; ///< newest first
+    close_counts counts{};
 };
 
 } // namespace Zolt::Reference_Center

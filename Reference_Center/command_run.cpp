@@ -3,6 +3,7 @@
 #include "Reference_Center/admin_site.hpp"
 #include "Reference_Center/center.hpp"
 #include "Reference_Center/link_message.hpp"
+#include "Reference_Center/node_report_json.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/output.hpp"
 
@@ -115,7 +116,8 @@ void tell_sum(run_options const& options, center const& node) {
         write_out_object(json_object{{"event", "stopped"},
                                      {"arrived", arrived.packets},
                                      {"arrived_bytes", arrived.bytes},
-                                     {"packets", hand_over_json(counts)}});
+                                     {"packets", hand_over_json(counts)},
+                                     {"closed", close_counts_json(node.account().count_closed())}});
     } else {
         write_out_line(fmt::format("stopped; arrived {} packets with {} bytes; {}", arrived.packets, arrived.bytes,
                                    hand_over_text(counts)));

@@ -4,6 +4,7 @@
 #include "Reference_Center/demo_traffic.hpp"
 #include "Reference_Center/demo_transfer.hpp"
 #include "Reference_Center/link_message.hpp"
+#include "Reference_Center/node_report_json.hpp"
 
 #include "Center/INet_Relay/EPoll/inet_relay_epoll.hpp"
 
@@ -81,7 +82,9 @@ public:
             advance();
         }
         node.stop();
-        tell({{"event", "stopped"}, {"packets", hand_over_json(count_hand_overs())}});
+        tell({{"event", "stopped"},
+              {"packets", hand_over_json(count_hand_overs())},
+              {"closed", close_counts_json(node.account().count_closed())}});
         return static_cast<int>(exit_code::done);
     }
 

@@ -5,6 +5,7 @@
 #include "Reference_Host/inbox.hpp"
 #include "Reference_Host/output_sink.hpp"
 
+#include <array>
 #include <unistd.h>
 #include <utility>
 
@@ -43,8 +44,9 @@ char const* peer_state_text(peer_state state) {
 }
 
 char const* close_reason_text(close_reason reason) {
-    static constexpr char const* texts[] = {"peer_closed",     "reset",       "silent",      "deleted", "refused",
-                                            "connect_timeout", "init_failed", "send_failed", "shutdown"};
+    static constexpr std::array<char const*, c_close_reasons> texts{"peer_closed", "reset",       "silent",
+                                                                    "deleted",     "refused",     "connect_timeout",
+                                                                    "init_failed", "send_failed", "shutdown"};
     return texts[static_cast<unsigned int>(reason)];
 }
 
@@ -83,6 +85,7 @@ status_report node_account::take_status() const {
     report.udp_out = udp->out.read();
     report.inbox = take_inbox();
     report.outcomes = count_settled_hand_overs();
+    report.closed = closed.count();
     report.queue = {report.outcomes.queued, report.outcomes.queued_bytes};
     report.max_queue_bytes = max_queue;
     report.latency = summarize_hand_overs();

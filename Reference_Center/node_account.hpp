@@ -31,6 +31,7 @@ public:
     std::vector<peer_report> take_peers() const;
     /// Newest first, at most 1000.
     std::vector<closed_report> take_closed() const { return closed.take(); }
+    close_counts count_closed() const { return closed.count(); }
 
     traffic_counts arrived_over_udp() const { return udp->in.read(); }
     traffic_counts arrived_over_tcp() const { return tcp.in.read(); }

@@ -121,6 +121,12 @@ void add_outcomes(sample_writer& out, snapshot const& now) {
     out.add(counts.failed, {{"outcome", "failed"}});
 }
 
+void add_closed(sample_writer& out, snapshot const& now) {
+    for (std::size_t reason = 0; reason < c_close_reasons; ++reason) {
+        out.add(now.status.closed[reason], {{"reason", close_reason_text(static_cast<close_reason>(reason))}});
+    }
+}
+
 struct metric {
     std::string_view name;
     std::string_view type;
@@ -181,6 +187,8 @@ constexpr metric c_metrics[] = {
          out.add(now.status.outcomes.not_connected, {{"reason", "not_connected"}});
          out.add(now.status.outcomes.refused_by_limit, {{"reason", "refused_by_limit"}});
      }},
+    {"zolt_connections_closed_total", "counter", "Connections that ended and attempts that led to none, by the reason.",
+     add_closed},
     {"zolt_write_latency_seconds", "gauge",
      "From the hand-over until the kernel had taken the packet, of the last half minute or minute; absent without "
      "packets.",

@@ -6,6 +6,8 @@
 #include "Reference_Center/latency_windows.hpp"
 #include "Reference_Center/peer.hpp"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -49,6 +51,23 @@ struct listener_report {
     std::uint64_t knocks = 0; ///< how often the Center had to call the relay's attention to those
 };
 
+/// Why a connection ended, or did not come about.
+enum class close_reason {
+    peer_closed,
+    reset,
+    silent,
+    deleted,
+    refused,
+    connect_timeout,
+    init_failed,
+    send_failed,
+    shutdown,
+};
+inline constexpr std::size_t c_close_reasons = 9;
+char const* close_reason_text(close_reason reason);
+/// By the reason's number.
+using close_counts = std::array<std::uint64_t, c_close_reasons>;
+
 struct status_report {
     std::string version;
     int pid = 0;
@@ -68,6 +87,7 @@ struct status_report {
     queue_report queue; ///< to all peers
     std::optional<std::uint64_t> max_queue_bytes;
     hand_over_counts outcomes;
+    close_counts closed{};   ///< connections that ended, and attempts that led to none
     latency_summary latency; ///< from the hand-over to the relay until written, of the last half minute or minute
     std::vector<thread_report> threads;
     std::vector<listener_report> listeners;
@@ -94,20 +114,6 @@ struct peer_report {
     latency_summary latency;
     double silent_s = 0; ///< since any byte came from the peer; of one without a connection, as since_s
 };
-
-/// Why a connection ended, or did not come about.
-enum class close_reason {
-    peer_closed,
-    reset,
-    silent,
-    deleted,
-    refused,
-    connect_timeout,
-    init_failed,
-    send_failed,
-    shutdown,
-};
-char const* close_reason_text(close_reason reason);
 
 struct closed_report {
     peer who;

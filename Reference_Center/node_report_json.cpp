@@ -101,6 +101,7 @@ json_object status_json(status_report const& report) {
             {"inbox", json_of(report.inbox)},
             {"queue", queue},
             {"outcomes", hand_over_json(report.outcomes)},
+            {"closed", close_counts_json(report.closed)},
             {"latency_us", json_of(report.latency)},
             {"threads", list_of(report.threads)},
             {"listeners", list_of(report.listeners)},
@@ -110,6 +111,14 @@ json_object status_json(status_report const& report) {
 
 json_object peers_json(std::vector<peer_report> const& peers) {
     return {{"peers", list_of(peers)}};
+}
+
+json_object close_counts_json(close_counts const& counts) {
+    json_object object;
+    for (std::size_t reason = 0; reason < counts.size(); ++reason) {
+        object[close_reason_text(static_cast<close_reason>(reason))] = counts[reason];
+    }
+    return object;
 }
 
 json_object closed_json(std::vector<closed_report> const& closed) {

@@ -11,6 +11,8 @@ namespace Zolt::Reference_Center {
 
 json_object status_json(status_report const& report);
 json_object peers_json(std::vector<peer_report> const& peers);
+/// Of each reason, also when it is 0.
+json_object close_counts_json(close_counts const& counts);
 json_object closed_json(std::vector<closed_report> const& closed);
 
 } // namespace Zolt::Reference_Center

@@ -1,6 +1,7 @@
 """What a running Center knows of itself: its peers, the ends of connections, queues, threads, and what it does about them."""
 
 import contextlib
+import errno
 import json
 import os
 import re
@@ -8,6 +9,8 @@ import selectors
 import signal
 import socket
 import struct
+import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -60,14 +63,22 @@ class Account(unittest.TestCase):
                                  and is_so(told["closed"][0]))
         return ends["closed"][0]
 
-    def stop(self, center):
-        """The sum that a Center ends with."""
-        center.program.signal(signal.SIGTERM)
-        code, out, errors = center.program.finish()
+    def expect_counts(self, counts, **wanted):
+        """So many ends for these reasons, and none for others."""
+        self.assertEqual({reason: count for reason, count in counts.items() if count != 0}, wanted)
+
+    def last_word(self, program):
+        """What a Center that is asked to stop says last."""
+        program.signal(signal.SIGTERM)
+        code, out, errors = program.finish()
         self.assertEqual(code, 0, errors)
         told = json.loads(out.splitlines()[-1])
         self.assertEqual(told["event"], "stopped")
-        counts = told["packets"]
+        return told
+
+    def stop(self, center):
+        """The sum that a Center ends with."""
+        counts = self.last_word(center.program)["packets"]
         ends = sum(counts[key] for key in ("written", "returned", "dropped", "failed", "queued"))
         self.assertEqual((counts["handed_over"], counts["balances"]), (ends, True))
         return counts
@@ -186,6 +197,56 @@ class Ends(Account):
                 end(peer.connection)
                 self.assertEqual(self.expect_closed(center, reason)["address"], address)
 
+    def test_are_counted_by_their_reason(self):
+        center = self.start()
+        for end in (socket.socket.close, socket.socket.close, reset):
+            peer, address = self.connect(center)
+            self.peer_of(center, address, lambda peer: peer["state"] == "established")
+            end(peer.connection)
+            center.wait_until("peers", lambda told: not told["peers"])
+        for _ in range(3):
+            socket.create_connection(("127.0.0.1", center.port)).close()
+        wanted = {"peer_closed": 2, "reset": 1, "init_failed": 3}
+        self.expect_counts(center.wait_until("status", lambda told: told["closed"]["init_failed"] == 3)["closed"], **wanted)
+        metrics = center.metrics()
+        for reason, count in center.json("status")["closed"].items():
+            self.assertEqual(metrics.value("zolt_connections_closed_total", reason=reason), count, reason)
+        self.expect_counts(self.last_word(center.program)["closed"], **wanted)
+
+    def test_by_the_stop_are_counted(self):
+        server, address = self.serve()
+        center = self.start("--connect", address)
+        self.enter(support.Peer.accept(server))
+        self.connect(center)
+        center.wait_until("peers", lambda told: [peer["state"] for peer in told["peers"]] == ["established"] * 2)
+        self.expect_counts(self.last_word(center.program)["closed"], shutdown=2)
+
+    def test_of_a_destination_that_was_withdrawn_are_counted(self):
+        server, address = self.serve()
+        node = self.enter(support.Running("demo-node", stdin=subprocess.PIPE))
+
+        def command(what):
+            node.process.stdin.write(json.dumps({"do": what, "to": address}).encode() + b"\n")
+            node.process.stdin.flush()
+        command("connect")
+        with support.Peer.accept(server) as peer:
+            node.wait_for("stdout", '"connected"')
+            command("withdraw")
+            while peer.connection.recv(HEADER):
+                pass
+        node.wait_for("stdout", '"disconnected"')
+        command("stop")
+        _, out, errors = node.finish()
+        self.expect_counts(json.loads(out.splitlines()[-1])["closed"], deleted=1)
+        self.assertEqual(node.process.returncode, 0, errors)
+
+    def test_that_the_kernel_decided_are_told(self):
+        if not support.can_have_networks():
+            self.skipTest("user namespaces with a network are not allowed here")
+        result = subprocess.run([*support.IN_A_NETWORK, sys.executable, "-B", __file__, support.PROGRAM, "GivenUp"],
+                                stderr=subprocess.PIPE, timeout=support.DEADLINE, check=False)
+        self.assertEqual(result.returncode, 0, result.stderr.decode())
+
     def test_before_they_began_are_told_once_for_each_destination(self):
         ports = sorted((support.free_port(), support.free_port()))
         center = self.start(*(word for port in ports for word in ("--connect", f"127.0.0.1:{port}")))
@@ -213,6 +274,39 @@ class Ends(Account):
         reset(peer.connection)
         ends = center.wait_until("closed", lambda told: len(told["closed"]) >= 2)["closed"]
         self.assertEqual({end["address"]: end["reason"] for end in ends}, {address: "reset", nobody: "refused"})
+
+
+class GivenUp(Account):
+    """In a network of its own: it goes down, and the kernel gives up soon after."""
+
+    def setUp(self):
+        Path("/proc/sys/net/ipv4/tcp_retries2").write_text("1", encoding="ascii")
+
+    def expect_given_up(self, center):
+        self.set_network("down")
+        center.program.wait_for("stdout", '"disconnected"')
+        self.set_network("up")
+        end = self.expect_closed(center, "send_failed")
+        self.assertIn(end["detail"], map(os.strerror, (errno.ETIMEDOUT, errno.EHOSTUNREACH, errno.ENETUNREACH)))
+        self.expect_counts(center.json("status")["closed"], send_failed=1)
+
+    def set_network(self, state):
+        subprocess.run(["ip", "link", "set", "lo", state], check=True)
+
+    def test_connection_that_rests(self):
+        center = self.start()
+        _, address = self.connect(center)
+        self.peer_of(center, address, lambda peer: peer["state"] == "established")
+        self.expect_given_up(center)
+
+    def test_connection_that_waits_to_write(self):
+        center = self.start("--echo")
+        peer, address = self.connect(center)
+        peer.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+        for _ in range(100):
+            peer.send(bytes(100_000))
+        self.peer_of(center, address, lambda peer: peer["in"]["packets"] == 100)
+        self.expect_given_up(center)
 
 
 class LongEnds(Account):
