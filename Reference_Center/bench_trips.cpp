@@ -100,8 +100,7 @@ void bench_trips::run_closed_loop() {
 void bench_trips::run_open_loop() {
     // The kernel puts a sleeper's end off by 50 us unless told otherwise.
     ::prctl(PR_SET_TIMERSLACK, 1UL);
-    loop_began = bench_now();
-    for (bench_time now = loop_began; now < end && session.may_go_on(); now = bench_now()) {
+    for (bench_time now = bench_now(); now < end && session.may_go_on(); now = bench_now()) {
         bool const is_blocked = !send_due(now);
         bench_time const wait =
             is_blocked ? c_blocked_wait : std::clamp<bench_time>(next_moment() - bench_now(), 0, c_look_around);
@@ -116,9 +115,9 @@ void bench_trips::serve(bench_time longest) {
     }
 }
 
-/// Of an open loop: when the next packet is due.
+/// Of an open loop: when the next packet is due. The first one was due when the load was to begin.
 bench_time bench_trips::next_moment() const {
-    return loop_began + static_cast<bench_time>(static_cast<double>(due_before) * 1e9 / plan.rate);
+    return begin - plan.warm_up + static_cast<bench_time>(static_cast<double>(due_before) * 1e9 / plan.rate);
 }
 
 /// Sends what is due by then, a part of it when it is much. False when a peer has too many under way.

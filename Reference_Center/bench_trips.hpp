@@ -65,7 +65,6 @@ private:
     bench_time last_answer = 0;
     bench_time stopped = 0;       ///< when the last packet could be sent
     std::uint64_t due_before = 0; ///< of an open loop: packets that were sent, each at its turn
-    bench_time loop_began = 0;
 };
 
 } // namespace Zolt::Reference_Center

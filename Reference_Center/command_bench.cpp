@@ -123,15 +123,11 @@ public:
 
     int run() {
         set_up();
-        bench_time const begins = bench_now() + plan.warm_up;
         bench_result result;
-        {
-            bench_progress progress(!options.quiet, begins, begins + plan.duration);
-            if (plan.one_way) {
-                measure<bench_stream>(result, progress, begins);
-            } else {
-                measure<bench_trips>(result, progress, begins);
-            }
+        if (plan.one_way) {
+            measure<bench_stream>(result);
+        } else {
+            measure<bench_trips>(result);
         }
         tear_down(result);
         return report(result);
@@ -139,8 +135,10 @@ public:
 
 private:
     template <class Load>
-    void measure(bench_result& result, bench_progress& progress, bench_time begins) {
+    void measure(bench_result& result) {
         Load load(plan, *session);
+        bench_time const begins = bench_now() + plan.warm_up;
+        bench_progress progress(!options.quiet, begins, begins + plan.duration);
         load.run(progress, begins, begins + plan.duration);
         load.write(result);
         result.interrupted = session->is_interrupted();
