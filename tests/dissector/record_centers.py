@@ -59,9 +59,9 @@ def talk():
     with support.Running("run", "--listen", PORT, "--echo", "--json") as center:
         center.wait_for("stdout", "ready")
         here = f"127.0.0.1:{PORT}"
-        run("send", "--to", here, "--lines", input=b"".join(LINES))
-        run("send", "--to", here, input=FILE)
-        run("ping", "--to", here, "--count", CALLS)
+        run("send", "--to", here, "--lines", *support.WAITING, input=b"".join(LINES))
+        run("send", "--to", here, *support.WAITING, input=FILE)
+        run("ping", "--to", here, "--count", CALLS, *support.CALLING)
         run("run", "--connect", here, "--seconds", PERIOD)
         run("send", "--udp", "--to", f"127.0.0.9:{DATAGRAM_PORT}", "--lines", input=b"".join(LINES))
         center.signal(signal.SIGTERM)

@@ -12,7 +12,7 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "wire"))
 import center_support  # noqa: E402
 from browser import NO_PROXY, Browser, is_here, wait_for  # noqa: E402
-from center_support import Running, call, free_port  # noqa: E402
+from center_support import CALLING, DEADLINE, Running, call, free_port  # noqa: E402
 
 RED_WITHIN = 2
 
@@ -31,7 +31,7 @@ class WholeWay(unittest.TestCase):
         self.browser = self.enterContext(Browser())
 
     def ask(self, what):
-        with NO_PROXY.open(f"{self.address}api/v1/{what}", timeout=5) as answer:
+        with NO_PROXY.open(f"{self.address}api/v1/{what}", timeout=DEADLINE) as answer:
             return json.load(answer)
 
     def figure(self, path):
@@ -69,7 +69,7 @@ class WholeWay(unittest.TestCase):
             peer = wait_for("the API names the peer", lambda: next(
                 (one["address"] for one in self.ask("peers")["peers"] if one["state"] == "established"), None))
             wait_for("the page draws it", lambda: self.state_of(peer) == "node established")
-            sent = call("ping", "--to", f"127.0.0.1:{port}", "--count", 20, "--interval", 0)
+            sent = call("ping", "--to", f"127.0.0.1:{port}", "--count", 20, "--interval", 0, *CALLING)
             self.assertEqual(sent.returncode, 0, sent.stderr)
             self.check_figures()
             began = time.monotonic()

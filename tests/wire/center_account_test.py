@@ -154,14 +154,23 @@ class Peers(Account):
         peer, address = self.connect(center)
         told = self.peer_of(center, address, lambda peer: peer["silent_s"] > SECOND)
         self.assertLess(told["silent_s"], told["since_s"] + SECOND)
-        peer.send(b"here")
-        self.peer_of(center, address, lambda peer: peer["silent_s"] < SECOND)
+
+        def is_heard(now):
+            peer.send(b"here")
+            return now["silent_s"] < told["silent_s"]
+        self.peer_of(center, address, is_heard)
 
     def test_have_rates_over_the_last_second(self):
         center = self.start("--echo")
         peer, address = self.connect(center)
         peer.send(bytes(1000))
-        rates = self.peer_of(center, address, lambda peer: peer["rates"]["bytes_in_per_s"] > 0)["rates"]
+
+        def is_seen(now):
+            # Who looks too late sees nothing of it any more.
+            if now["rates"]["bytes_in_per_s"] == 0 and now["silent_s"] > 3 * SECOND:
+                peer.send(bytes(1000))
+            return now["rates"]["bytes_in_per_s"] > 0
+        rates = self.peer_of(center, address, is_seen)["rates"]
         # One packet within a second, or what the watch's thread takes for one.
         self.assertTrue(0 < rates["packets_in_per_s"] <= SECOND, rates)
         self.assertAlmostEqual(rates["bytes_in_per_s"], 1000 * rates["packets_in_per_s"])
@@ -248,12 +257,12 @@ class Ends(Account):
         self.assertEqual(result.returncode, 0, result.stderr.decode())
 
     def test_before_they_began_are_told_once_for_each_destination(self):
-        ports = sorted((support.free_port(), support.free_port()))
-        center = self.start(*(word for port in ports for word in ("--connect", f"127.0.0.1:{port}")))
+        addresses = [self.enter(support.nobody()) for _ in range(2)]
+        center = self.start(*(word for address in addresses for word in ("--connect", address)))
         told = center.wait_until("closed", lambda told: len(told["closed"]) == 2
                                  and all(end["times"] >= 2 for end in told["closed"]))["closed"]
         self.assertEqual(sorted((end["address"], end["reason"], end["detail"], end["lasted_s"]) for end in told),
-                         sorted((f"127.0.0.1:{port}", "refused", "Connection refused", 0) for port in ports))
+                         sorted((address, "refused", "Connection refused", 0) for address in addresses))
 
     def test_within_the_opening_exchange_are_told(self):
         server, address = self.serve()
@@ -266,7 +275,7 @@ class Ends(Account):
 
     def test_of_one_destination_are_not_told_of_another_at_its_address(self):
         server, address = self.serve()
-        nobody = f"127.0.0.1:{support.free_port()}"
+        nobody = self.enter(support.nobody())
         center = self.start("--connect", address, "--connect", nobody)
         peer = self.enter(support.Peer.accept(server))
         self.expect_closed(center, "refused", lambda end: end["times"] >= 2)
@@ -331,29 +340,48 @@ class Queues(Account):
     PACKET, PACKETS = 100_000, 100
 
     def fill(self, *options):
-        """A Center with an echo for a peer that does not read, once what waits for it is at its most."""
+        """A Center with an echo, and a peer that does not read the answers to what it has sent."""
         center = self.start("--echo", *options)
         peer, address = self.connect(center)
         peer.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
         for _ in range(self.PACKETS):
             peer.send(bytes(self.PACKET))
-        return center, peer, self.peer_of(center, address, lambda peer: peer["in"]["packets"] == self.PACKETS)
+        return center, peer, address
+
+    def rest(self, center, address, sent):
+        """The peer and the status, once that much has been answered or refused and nothing leaves any more."""
+        def look():
+            before = self.peer_of(center, address, lambda peer: peer["in"]["packets"] == sent)
+            status = center.json("status")
+            after = self.peer_of(center, address, lambda peer: True)
+            is_steady = before["queue"] == after["queue"] and before["out"] == after["out"]
+            return is_steady, after, status
+        _, told, status = support.wait_until(look, lambda seen: seen[0] and sent == seen[2]["outcomes"]["handed_over"]
+                                             + seen[2]["outcomes"]["refused_by_limit"])
+        return told, status
 
     def test_are_counted_to_the_byte(self):
-        center, _, told = self.fill()
+        center, _, address = self.fill()
+        told, status = self.rest(center, address, self.PACKETS)
         queue = told["queue"]
         self.assertGreater(queue["packets"], 0)
         self.assertEqual(queue["bytes"], queue["packets"] * (self.PACKET + HEADER))
-        status = center.json("status")
         self.assertEqual((status["queue"], status["outcomes"]["queued"], status["outcomes"]["balances"]),
                          ({**queue, "max_bytes": None}, queue["packets"], True))
 
     def test_take_no_more_than_the_limit(self):
         limit = 10 * (self.PACKET + HEADER)
-        center, peer, told = self.fill("--max-queue", limit)
+        center, peer, address = self.fill("--max-queue", limit)
+        sent = self.PACKETS
+        told, status = self.rest(center, address, sent)
+        # What left after the last one was refused has made room again.
+        while told["queue"]["packets"] < 10:
+            peer.send(bytes(self.PACKET))
+            sent += 1
+            told, status = self.rest(center, address, sent)
         self.assertEqual(told["queue"], {"packets": 10, "bytes": limit})
-        outcomes = center.json("status")["outcomes"]
-        self.assertEqual(outcomes["handed_over"] + outcomes["refused_by_limit"], self.PACKETS)
+        outcomes = status["outcomes"]
+        self.assertGreater(outcomes["refused_by_limit"], 0)
         for _ in range(outcomes["handed_over"]):
             self.assertEqual(len(peer.receive().data), self.PACKET)
         counts = self.stop(center)
@@ -371,11 +399,13 @@ class Queues(Account):
         self.assertEqual(self.stop(center)["refused_by_limit"], 0)
 
     def test_are_left_behind_when_nothing_may_be_waited_for(self):
-        center, _, _ = self.fill("--stop-timeout", 3600, "--drain", 0)
+        center, _, address = self.fill("--stop-timeout", 3600, "--drain", 0)
+        self.rest(center, address, self.PACKETS)
         self.assertGreater(self.stop(center)["queued"], 0)
 
     def test_are_waited_for_as_long_as_they_may(self):
-        center, _, _ = self.fill("--stop-timeout", 3600, "--drain", 0.5)
+        center, _, address = self.fill("--stop-timeout", 3600, "--drain", 0.5)
+        self.rest(center, address, self.PACKETS)
         begin = time.monotonic()
         self.stop(center)
         self.assertGreater(time.monotonic() - begin, 0.5)
@@ -384,11 +414,21 @@ class Queues(Account):
 class Burst(Account):
     PEERS = 200
     GOAL = 3
+    # A machine that is too busy for the goal may take so many times what it takes for the same peers one after the other.
+    PATIENCE = 3
     # What the backlog does not hold, the kernel asks for again after one second, three and seven.
     CONFIGURATION = Account.CONFIGURATION + "SERVER_LISTEN_BACKLOG = 200\n"
 
-    def connect_at_once(self, port):
-        """Many peers that complete the opening exchange, each as soon as it can; those that have not within the goal."""
+    def time_in_turn(self):
+        """Seconds for the peers of a Center that come one after the other."""
+        center = self.start()
+        begin = time.monotonic()
+        for _ in range(self.PEERS):
+            self.enter(support.Peer.connect(center.port))
+        return time.monotonic() - begin
+
+    def connect_at_once(self, port, longest):
+        """Many peers that complete the opening exchange, each as soon as it can; how many have not within that time."""
         block = bytes(support.BLOCK_SIZE)
         selector = self.enter(selectors.DefaultSelector())
         begin = time.monotonic()
@@ -397,7 +437,7 @@ class Burst(Account):
             connection.setblocking(False)
             connection.connect_ex(("127.0.0.1", port))
             selector.register(connection, selectors.EVENT_WRITE, support.BLOCK_SIZE)
-        while selector.get_map() and (left := begin + self.GOAL - time.monotonic()) > 0:
+        while selector.get_map() and (left := begin + longest - time.monotonic()) > 0:
             for key, events in selector.select(left):
                 if events & selectors.EVENT_WRITE:
                     key.fileobj.sendall(block)
@@ -409,8 +449,9 @@ class Burst(Account):
         return len(selector.get_map())
 
     def test_of_peers_is_established_in_time(self):
+        longest = max(self.GOAL, self.PATIENCE * self.time_in_turn())
         center = self.start()
-        self.assertEqual(self.connect_at_once(center.port), 0)
+        self.assertEqual(self.connect_at_once(center.port, longest), 0)
         told = center.wait_until("peers", lambda told: len(told["peers"]) == self.PEERS)["peers"]
         self.assertEqual({peer["state"] for peer in told}, {"established"})
         [listener] = center.json("status")["listeners"]

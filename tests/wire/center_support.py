@@ -1,6 +1,8 @@
 """What the tests of zolt-center share: running it, waiting for its lines, and a peer written by hand."""
 
+import atexit
 import contextlib
+import functools
 import os
 import pty
 import random
@@ -10,6 +12,7 @@ import socket
 import struct
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
@@ -18,6 +21,9 @@ PROGRAM = ""
 PREFIX = ("unshare", "--user", "--map-root-user") if os.environ.get("CENTER_NEEDS_ROOT") and os.geteuid() else ()
 DEADLINE = 120
 SKIPPED = 77
+# Options of commands that connect and of those that call: as long as it takes.
+WAITING = ("--wait", DEADLINE)
+CALLING = (*WAITING, "--timeout", DEADLINE)
 # In front of a command: it runs with a loopback of its own.
 IN_A_NETWORK = ("unshare", "--user", "--map-root-user", "--net", "sh", "-c", 'ip link set lo up && exec "$0" "$@"')
 
@@ -124,9 +130,58 @@ def bind_both(port):
         return tcp.getsockname()[1]
 
 
+RESERVED = []
+
+
+def reserve(port):
+    """True when no other test has been given this port; it stays this one's until its process ends."""
+    mark = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    try:
+        mark.bind(f"\0center test's port {port}")
+    except OSError:
+        mark.close()
+        return False
+    RESERVED.append(mark)
+    return True
+
+
 def free_port():
-    """A port that is free over TCP and UDP, below the range from which the kernel serves those who name none."""
-    return next(port for port in iter(lambda: bind_both(random.randrange(10000, 30000)), ()) if port)
+    """A port that is free over TCP and UDP, below the range from which the kernel serves those who name none, and that no
+    other test gets."""
+    return next(port for port in iter(lambda: bind_both(random.randrange(10000, 30000)), ()) if port and reserve(port))
+
+
+@contextlib.contextmanager
+def nobody():
+    """The address of a port at which nobody can listen for so long: connections to it are refused."""
+    with socket.socket() as holder:
+        holder.bind(("127.0.0.1", 0))
+        yield "127.0.0.1:%d" % holder.getsockname()[1]
+
+
+def wait_until(take, is_so):
+    """Takes it again and again until it is as wanted; what was taken."""
+    end = time.monotonic() + DEADLINE
+    while not is_so(taken := take()):
+        assert time.monotonic() < end, taken
+    return taken
+
+
+@functools.cache
+def patient():
+    """Options of a Center that keeps peers which say nothing for longer than a busy machine may take."""
+    with tempfile.NamedTemporaryFile("w", suffix=".ini", delete=False) as file:
+        file.write("[ZOLT]\nAUTO_DISCONNECT = no\n")
+    atexit.register(os.unlink, file.name)
+    return "--config", file.name
+
+
+def with_more_time(attempt, is_so, seconds):
+    """Attempts it with twice the time again, for as long as the machine was too busy for it; what came of the last attempt."""
+    while not is_so(made := attempt(seconds)):
+        assert seconds < DEADLINE / 4, made
+        seconds *= 2
+    return made
 
 
 def start_on_port(arguments, stream, text, **options):

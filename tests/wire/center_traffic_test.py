@@ -23,12 +23,12 @@ def noise(size):
 
 def listening(*options):
     """A listener that is ready, and its port."""
-    return support.start_on_port(lambda port: ["listen", "--port", port, *options], "stderr", "ready")
+    return support.start_on_port(lambda port: ["listen", "--port", port, *support.patient(), *options], "stderr", "ready")
 
 
 def running(*options):
     """A Center that is ready, and its port."""
-    return support.start_on_port(lambda port: ["run", "--listen", port, *options], "stdout", "\n")
+    return support.start_on_port(lambda port: ["run", "--listen", port, *support.patient(), *options], "stdout", "\n")
 
 
 class Traffic(unittest.TestCase):
@@ -50,7 +50,8 @@ class Traffic(unittest.TestCase):
 
 class Send(Traffic):
     def send(self, port, *options, code=0, **more):
-        result = support.call("send", "--to", f"127.0.0.1:{port}", *options, **more)
+        waiting = () if "--wait" in options else support.WAITING
+        result = support.call("send", "--to", f"127.0.0.1:{port}", *waiting, *options, **more)
         self.assertEqual(result.returncode, code, result.stderr)
         return result
 
@@ -94,10 +95,9 @@ class Send(Traffic):
         self.expect_end(listener)
 
     def test_to_nobody_is_told_in_one_line(self):
-        port = support.free_port()
-        result = self.send(port, "--wait", 0.3, code=5)
-        self.assertEqual(result.stderr.decode(),
-                         f"zolt-center: no connection to 127.0.0.1:{port} within 0.3 seconds\n")
+        with support.nobody() as address:
+            result = self.send(address.split(":")[1], "--wait", 0.3, code=5)
+        self.assertEqual(result.stderr.decode(), f"zolt-center: no connection to {address} within 0.3 seconds\n")
 
     def test_of_a_missing_file_is_told_in_one_line(self):
         result = self.send(support.free_port(), "/nonexistent", code=1)
@@ -107,7 +107,7 @@ class Send(Traffic):
         with socket.create_server(("127.0.0.1", 0)) as server:
             port = server.getsockname()[1]
             reading, writing = os.pipe()
-            with os.fdopen(writing, "wb"), support.Running("send", "--to", f"127.0.0.1:{port}",
+            with os.fdopen(writing, "wb"), support.Running("send", "--to", f"127.0.0.1:{port}", *support.WAITING,
                                                            stdin=reading) as sender:
                 os.close(reading)
                 with support.Peer.accept(server):
@@ -125,7 +125,7 @@ class Send(Traffic):
         _, port = self.listen()
         reading, writing = os.pipe()
         with os.fdopen(writing, "wb") as feed, support.Running("send", "--to", f"127.0.0.1:{port}", "--size", 4,
-                                                               stdin=reading) as sender:
+                                                               *support.WAITING, stdin=reading) as sender:
             os.close(reading)
             sender.wait_for("stderr", "connected")
             feed.write(b"1234")
@@ -190,10 +190,13 @@ class Listen(Traffic):
             sender.sendto(support.make_packet(b"to the group"), ("232.0.0.1", port))
         self.assertEqual(self.expect_end(listener)[0], b"to the group")
 
-    def test_that_gets_too_few_is_a_failure(self):
-        listener, port = self.listen("--count", 2, "--seconds", 0.5)
+    def get_one_within(self, seconds):
+        listener, port = self.listen("--count", 2, "--seconds", seconds)
         self.datagrams(port, support.make_packet(b"one"))
-        out, errors = self.expect_end(listener, 1)
+        return self.expect_end(listener, 1)
+
+    def test_that_gets_too_few_is_a_failure(self):
+        out, errors = support.with_more_time(self.get_one_within, lambda made: made[0], 0.5)
         self.assertEqual(out, b"one")
         self.assertIn("zolt-center: only 1 of 2 packets arrived\n", errors)
 
@@ -363,26 +366,27 @@ class Ping(Traffic):
 
     def test_over_its_own_connection_is_acknowledged_by_the_peers_center(self):
         _, port = self.run_center()
-        result = support.call("ping", "--to", f"127.0.0.1:{port}", "--count", 300, "--interval", 0, "--json")
+        result = support.call("ping", "--to", f"127.0.0.1:{port}", "--count", 300, "--interval", 0, "--json",
+                              *support.CALLING)
         told = self.expect_figures((result.returncode, result.stdout), 300)
         self.assertEqual((told["peer"], told["over"]), (f"127.0.0.1:{port}", "outgoing"))
 
     def test_over_a_peers_connection_is_acknowledged_by_its_relay(self):
         port = support.free_port()
         with support.Running("ping", "--port", port, "--count", 300, "--interval", 0, "--size", 100, "--json",
-                             "--wait", support.DEADLINE) as pinger, \
+                             *support.CALLING) as pinger, \
                 support.Running("run", "--connect", f"127.0.0.1:{port}"):
             told = self.expect_figures(pinger.finish(), 300)
         self.assertEqual(told["over"], "accepted")
 
     def test_of_signals_is_acknowledged_too(self):
         _, port = self.run_center()
-        result = support.call("ping", "--to", f"127.0.0.1:{port}", "--signal", "--count", 3, "--json")
+        result = support.call("ping", "--to", f"127.0.0.1:{port}", "--signal", "--count", 3, "--json", *support.CALLING)
         self.expect_figures((result.returncode, result.stdout), 3)
 
     def test_prints_a_line_for_each_call_and_one_with_the_figures(self):
         _, port = self.run_center()
-        result = support.call("ping", "--to", f"127.0.0.1:{port}", "--count", 2, "--interval", 0)
+        result = support.call("ping", "--to", f"127.0.0.1:{port}", "--count", 2, "--interval", 0, *support.CALLING)
         lines = result.stdout.decode().splitlines()
         self.assertEqual((result.returncode, len(lines)), (0, 3))
         self.assertRegex(lines[0], rf"^127\.0\.0\.1:{port} call 1: \d+\.\d{{3}} ms$")
@@ -391,7 +395,7 @@ class Ping(Traffic):
     def test_without_acknowledgement_is_a_failure(self):
         with socket.create_server(("127.0.0.1", 0)) as server:
             with support.Running("ping", "--to", "127.0.0.1:%d" % server.getsockname()[1], "--count", 2,
-                                 "--timeout", 0.1) as pinger, support.Peer.accept(server) as peer:
+                                 "--timeout", 0.1, *support.WAITING) as pinger, support.Peer.accept(server) as peer:
                 self.assertEqual([peer.receive().kind for _ in range(2)], [support.CALL, support.CALL])
                 code, out, errors = pinger.finish()
         self.assertEqual(code, 1)
@@ -399,11 +403,11 @@ class Ping(Traffic):
         self.assertIn("zolt-center: 2 of 2 calls were not acknowledged\n", errors)
 
     def test_to_nobody_and_from_nobody_is_told(self):
-        port = support.free_port()
-        result = support.call("ping", "--to", f"127.0.0.1:{port}", "--wait", 0.2)
+        with support.nobody() as address:
+            result = support.call("ping", "--to", address, "--wait", 0.2)
         self.assertEqual((result.returncode, result.stderr.decode()),
-                         (5, f"zolt-center: no connection to 127.0.0.1:{port} within 0.2 seconds\n"))
-        result = support.call("ping", "--port", port, "--wait", 0.2)
+                         (5, f"zolt-center: no connection to {address} within 0.2 seconds\n"))
+        result = support.call("ping", "--port", support.free_port(), "--wait", 0.2)
         self.assertEqual((result.returncode, result.stderr.decode()),
                          (5, "zolt-center: nobody connected within 0.2 seconds\n"))
 
