@@ -2,6 +2,7 @@
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/configuration.hpp"
 #include "Reference_Center/demo_story.hpp"
+#include "Reference_Center/environment.hpp"
 #include "Reference_Center/error_description.hpp"
 #include "Reference_Center/options.hpp"
 #include "Reference_Center/port_holder.hpp"
@@ -62,9 +63,8 @@ std::vector<std::uint64_t> make_noise(std::uint64_t& state) {
 
 /// A file that has no name any more when this returns, so that nothing has to be cleaned up.
 int make_file(std::uint64_t size) {
-    char const* const folder = std::getenv("TMPDIR");
-    std::string name =
-        fmt::format("{}/zolt-center-demo-XXXXXX", folder != nullptr && *folder != '\0' ? folder : "/tmp");
+    std::string const folder = read_variable("TMPDIR");
+    std::string name = (folder.empty() ? "/tmp" : folder) + "/zolt-center-demo-XXXXXX";
     int const fd = ::mkostemp(name.data(), O_CLOEXEC);
     if (fd == -1) {
         fail_with_errno("cannot make a temporary file " + name);

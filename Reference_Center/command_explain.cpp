@@ -1,4 +1,5 @@
 // zolt-center explain: what a printed text or a code means, in English and Korean.
+#include "Reference_Center/environment.hpp"
 #include "Reference_Center/message_markdown.hpp"
 #include "Reference_Center/message_matching.hpp"
 #include "Reference_Center/message_table.hpp"
@@ -7,7 +8,6 @@
 #include "Reference_Center/utf8.hpp"
 #include "Reference_Center/word_distance.hpp"
 
-#include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
 #include <memory>
@@ -42,10 +42,9 @@ constexpr language_row c_languages[] = {
 /// The user's, as the environment tells.
 std::string users_language() {
     for (char const* const name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
-        char const* const value = std::getenv(name);
-        if (value != nullptr && *value != '\0') {
-            return std::string_view(value).starts_with("ko") ? "ko" : "en";
+        std::string const value = read_variable(name);
+        if (!value.empty()) {
+            return value.starts_with("ko") ? "ko" : "en";
         }
     }
     return "en";

@@ -1,9 +1,9 @@
 #include "Reference_Center/output.hpp"
 
+#include "Reference_Center/environment.hpp"
 #include "Reference_Center/error_description.hpp"
 
 #include <cerrno>
-#include <cstdlib>
 #include <poll.h>
 #include <unistd.h>
 
@@ -67,13 +67,12 @@ void report_failure(failure const& reason, bool as_json) {
 }
 
 bool is_terminal(int descriptor) {
-    char const* const kind = std::getenv("TERM");
-    return ::isatty(descriptor) == 1 && kind != nullptr && std::string_view(kind) != "dumb";
+    std::string const kind = read_variable("TERM");
+    return ::isatty(descriptor) == 1 && !kind.empty() && kind != "dumb";
 }
 
 bool wants_colour(int descriptor) {
-    char const* const refused = std::getenv("NO_COLOR");
-    return is_terminal(descriptor) && (refused == nullptr || *refused == '\0');
+    return is_terminal(descriptor) && read_variable("NO_COLOR").empty();
 }
 
 } // namespace Zolt::Reference_Center

@@ -1,9 +1,10 @@
 #include "Reference_Center/service_manager.hpp"
 
+#include "Reference_Center/environment.hpp"
+
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,13 +12,6 @@
 
 namespace Zolt::Reference_Center {
 namespace {
-
-std::string take_variable(char const* name) {
-    char const* const value = std::getenv(name);
-    std::string const text = value != nullptr ? value : "";
-    ::unsetenv(name);
-    return text;
-}
 
 std::optional<std::int64_t> parse_number(std::string_view text) {
     std::int64_t number = 0;
