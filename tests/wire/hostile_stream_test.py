@@ -18,6 +18,8 @@ LARGE = 64 << 20
 # An answer that waits is a header of 72 bytes, and as much again: what is known about it, its node, its place in the queue;
 # and what the account keeps of it.
 PER_ANSWER = 192
+# So many packets wait for the Center's own threads before a connection has to wait for them; each is as large.
+INBOX_PACKETS = 49_152
 # What the program gives itself to stop.
 STOP_TIME = 5
 
@@ -27,6 +29,7 @@ class Stream:
 
     destinations = 1
     waiting_answers = 0
+    waiting_acknowledgements = 0
     expected_lines = ("recv server 에러", "recv client 에러", "connect err:111", "bind")
 
     def establish(self, room=None):
@@ -80,19 +83,19 @@ class Stream:
         self.expect_echo(peer)
 
     def test_acknowledges_a_million_times(self):
-        self.flood(Packet(hand_peer.CALL_RETURN_ACK), MANY)
+        self.flood(Packet(hand_peer.CALL_RETURN_ACK), MANY, self.waiting_acknowledgements)
 
     def test_floods_with_heartbeats(self):
         self.flood(Packet(hand_peer.HEARTBEAT), MANY // 4)
 
-    def flood(self, packet, count):
-        """What the Center keeps of it is nothing, however much was sent."""
+    def flood(self, packet, count, waiting=0):
+        """What the Center keeps of it is nothing, however much was sent; at most so many waited meanwhile."""
         peer = self.establish()
         batch = packet.pack() * 1000
         for _ in range(count // 1000):
             peer.write(batch)
         self.expect_echo(peer)
-        self.expect_growth(support.ALLOWANCE)
+        self.expect_growth(support.ALLOWANCE + PER_ANSWER * waiting)
 
     def test_sends_heartbeats_with_data(self):
         peer = self.establish()
@@ -200,6 +203,8 @@ class Accepted(Stream, support.HostileTest):
 
 
 class Outgoing(Stream, support.HostileTest):
+    waiting_acknowledgements = INBOX_PACKETS  # on this side they are the Center's
+
     def establish(self, room=None):
         if room is not None:
             self.listeners[0].socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
