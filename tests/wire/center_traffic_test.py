@@ -1,6 +1,5 @@
 """zolt-center over the loopback interface: run, send, listen and ping, with each other and with a peer written by hand."""
 
-import contextlib
 import json
 import os
 import random
@@ -227,6 +226,13 @@ class Run(Traffic):
         self.assertEqual(numbers[0], sum(numbers[1:]))
         return numbers
 
+    def ask_for_more_answers_than_fit(self, center, peer):
+        """Ends once all answers to a peer that reads none are handed over: more than the kernel takes for it."""
+        peer.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        for _ in range(64):
+            peer.send(bytes(1_000_000))
+        center.wait_for_count("stderr", "tcp send server", 64)
+
     def test_says_in_one_line_that_it_is_ready(self):
         center, port = self.run_center("--connect", "127.0.0.1:9", "--admin", "none")
         self.assertEqual(center.text["stdout"].decode(),
@@ -335,21 +341,17 @@ class Run(Traffic):
                     center.text["stderr"] = b""
 
     def test_returns_what_a_lost_peer_did_not_take(self):
-        center, port = self.run_center("--echo")
-        with contextlib.ExitStack() as stack:
-            peer = stack.enter_context(support.Peer.connect(port))
-            peer.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-            for _ in range(64):
-                peer.send(bytes(1_000_000))
+        center, port = self.run_center("--echo", "--verbose")
+        with support.Peer.connect(port) as peer:
+            self.ask_for_more_answers_than_fit(center, peer)
         center.wait_for("stderr", "disconnected")
         center.signal(signal.SIGTERM)
         self.assertGreater(self.expect_sum(center)[2], 0)
 
     def test_is_cut_at_once_by_a_second_signal(self):
-        center, port = self.run_center("--echo", "--stop-timeout", 3600)
+        center, port = self.run_center("--echo", "--verbose", "--stop-timeout", 3600)
         with support.Peer.connect(port) as peer:
-            for _ in range(64):
-                peer.send(bytes(1_000_000))
+            self.ask_for_more_answers_than_fit(center, peer)
             # Its answers wait for a peer that reads nothing, so the stop waits, too.
             center.signal(signal.SIGTERM)
             center.wait_for("stderr", "stopping")
