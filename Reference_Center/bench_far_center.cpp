@@ -11,7 +11,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds c_look_around{50};
+constexpr milliseconds c_longest_wait{50};
 constexpr std::chrono::seconds c_start_time{20};
 constexpr std::chrono::seconds c_stop_time{20};
 
@@ -68,7 +68,7 @@ std::optional<std::uint64_t> far_center::stop() {
 json_object far_center::wait_for(char const* event, steady_clock::time_point deadline, stop_signals const* signals) {
     while (!ended && steady_clock::now() < deadline && (signals == nullptr || !signals->is_requested())) {
         std::array<pollfd, 2> waited{{{process.output(), POLLIN, 0}, {process.errors(), POLLIN, 0}}};
-        ::poll(waited.data(), waited.size(), static_cast<int>(c_look_around.count()));
+        ::poll(waited.data(), waited.size(), static_cast<int>(c_longest_wait.count()));
         take(waited[0].revents != 0, waited[1].revents != 0);
         while (auto const line = process.next_line()) {
             json_object told = json_object::parse(*line);

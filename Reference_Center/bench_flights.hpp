@@ -16,6 +16,9 @@ inline bench_time bench_now() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
+inline double in_seconds(bench_time time) {
+    return static_cast<double>(time) / 1e9;
+}
 
 /// Each packet that was sent ends in one of these.
 struct flight_counts {

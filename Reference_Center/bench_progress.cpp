@@ -11,10 +11,6 @@ namespace {
 /// Back to the line's beginning, which is cleared.
 constexpr char const* c_erase = "\r\x1b[K";
 
-double seconds(bench_time time) {
-    return static_cast<double>(time) * 1e-9;
-}
-
 void draw(std::string const& text) {
     static_cast<void>(::write(STDERR_FILENO, text.data(), text.size()) == 0);
 }
@@ -39,13 +35,13 @@ void bench_progress::show(bench_time now) {
 
 std::string bench_progress::text_at(bench_time now) const {
     if (now < begin) {
-        return fmt::format("warming up; {:.1f} s remain", seconds(end - now));
+        return fmt::format("warming up; {:.1f} s remain", in_seconds(end - now));
     }
     if (now >= end) {
         return fmt::format("waiting for the last answers; {} have come", answered);
     }
-    return fmt::format("{:.1f} of {:.1f} s; {} answers; {:.1f} s remain", seconds(now - begin), seconds(end - begin),
-                       answered, seconds(end - now));
+    return fmt::format("{:.1f} of {:.1f} s; {} answers; {:.1f} s remain", in_seconds(now - begin),
+                       in_seconds(end - begin), answered, in_seconds(end - now));
 }
 
 } // namespace Zolt::Reference_Center

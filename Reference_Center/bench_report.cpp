@@ -37,10 +37,6 @@ double microseconds(std::uint64_t nanoseconds) {
     return static_cast<double>(nanoseconds) / 1000;
 }
 
-double seconds(bench_time time) {
-    return static_cast<double>(time) / 1e9;
-}
-
 /// Answered, or one way: received, in the seconds measured.
 std::uint64_t measured_packets(bench_plan const& plan, bench_result const& result) {
     return plan.one_way ? result.received : result.counts().answered;
@@ -123,8 +119,8 @@ json_object loop_json(bench_plan const& plan) {
     object["calls"] = plan.calls;
     object["size"] = plan.size;
     object["peers"] = plan.peers;
-    object["warm_up"] = seconds(plan.warm_up);
-    object["duration"] = seconds(plan.duration);
+    object["warm_up"] = in_seconds(plan.warm_up);
+    object["duration"] = in_seconds(plan.duration);
     return object;
 }
 

@@ -15,6 +15,9 @@
 
 namespace Zolt::Reference_Center {
 
+/// A load looks at the clock and at its peers at least that often.
+inline constexpr std::chrono::nanoseconds c_longest_serve{20'000'000};
+
 /// Told of what comes back, in the Center's thread. Numbers: as they were given to send.
 class bench_load {
 public:

@@ -12,9 +12,8 @@ namespace {
 using Reference_Host::packet_kind;
 using std::chrono::nanoseconds;
 
-constexpr std::uint64_t c_sent_at_once = 32; ///< between two looks at the clock and the queue
-constexpr std::uint32_t c_large = 4096;      ///< bytes; of such packets one at once
-constexpr nanoseconds c_look_around{20'000'000};
+constexpr std::uint64_t c_sent_between_looks = 32; ///< between two looks at the clock and the queue
+constexpr std::uint32_t c_large = 4096;            ///< bytes; of such packets one at once
 constexpr std::uint64_t c_any_bytes = std::numeric_limits<std::uint64_t>::max() - 1;
 
 } // namespace
@@ -35,7 +34,7 @@ void bench_stream::run(bench_progress& progress, bench_time begins, bench_time e
     while (bench_now() < end && session.may_go_on()) {
         if (count_hand_overs().queued >= most_queued) {
             wake_when_queue_is_below(c_any_bytes, most_queued / 2);
-            session.serve(c_look_around);
+            session.serve(c_longest_serve);
         } else {
             send_some();
             session.serve(nanoseconds(0));
@@ -47,12 +46,12 @@ void bench_stream::run(bench_progress& progress, bench_time begins, bench_time e
     auto const is_behind = [](auto const& one) { return one->counts.answered != one->counts.sent; };
     bench_time const deadline = bench_now() + plan.patience;
     while (bench_now() < deadline && session.may_go_on() && std::any_of(results.begin(), results.end(), is_behind)) {
-        session.serve(c_look_around);
+        session.serve(c_longest_serve);
     }
 }
 
 void bench_stream::send_some() {
-    for (std::uint64_t left = plan.size < c_large ? c_sent_at_once : 1; left != 0; --left) {
+    for (std::uint64_t left = plan.size < c_large ? c_sent_between_looks : 1; left != 0; --left) {
         // Each peer at another time: what all have received is then known evenly.
         std::uint64_t const shifted = results[next]->counts.sent + next * call_every / plan.peers;
         send(next, shifted % call_every == 0);

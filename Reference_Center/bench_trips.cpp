@@ -12,7 +12,6 @@ namespace {
 using Reference_Host::packet_kind;
 using std::chrono::nanoseconds;
 
-constexpr bench_time c_look_around = 20'000'000;
 constexpr bench_time c_blocked_wait = 1'000'000;
 constexpr std::size_t c_sent_at_once = 64;
 constexpr bench_time c_never = std::numeric_limits<bench_time>::max();
@@ -93,7 +92,7 @@ void bench_trips::run_closed_loop() {
         fill(lane);
     }
     for (bench_time now = bench_now(); now < end && session.may_go_on(); now = bench_now()) {
-        serve(std::min(c_look_around, end - now));
+        serve(std::min(c_longest_serve.count(), end - now));
     }
 }
 
@@ -102,8 +101,9 @@ void bench_trips::run_open_loop() {
     ::prctl(PR_SET_TIMERSLACK, 1UL);
     for (bench_time now = bench_now(); now < end && session.may_go_on(); now = bench_now()) {
         bool const is_blocked = !send_due(now);
-        bench_time const wait =
-            is_blocked ? c_blocked_wait : std::clamp<bench_time>(next_moment() - bench_now(), 0, c_look_around);
+        bench_time const wait = is_blocked
+                                    ? c_blocked_wait
+                                    : std::clamp<bench_time>(next_moment() - bench_now(), 0, c_longest_serve.count());
         serve(std::min(wait, std::max<bench_time>(end - now, 0)));
     }
 }
@@ -220,7 +220,7 @@ void bench_trips::wait_for_rest() {
         if (plan.is_open_loop() && session.may_go_on()) {
             send_due(now);
         }
-        serve(std::min(is_behind() ? c_blocked_wait : c_look_around, deadline - now));
+        serve(std::min(is_behind() ? c_blocked_wait : c_longest_serve.count(), deadline - now));
     }
     // What was never answered over UDP by now was lost, unless nobody waited long enough.
     drop_overdue(c_never, over_udp && !session.is_interrupted() ? ending::lost : ending::not_finished);

@@ -28,7 +28,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds c_port_retry{200};
-constexpr milliseconds c_look_around{50};
 constexpr milliseconds c_drain_time{1000};
 constexpr std::size_t c_batch = 64;
 

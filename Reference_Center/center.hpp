@@ -58,6 +58,9 @@ struct center_plan {
     service_manager const* manager = nullptr; ///< hears that all is well for as long as it is
 };
 
+/// A loop around a Center that looks at other things as well waits so long at once.
+inline constexpr std::chrono::milliseconds c_look_around{50};
+
 class center {
 public:
     /// Runs when it returns. Throws failure: configuration, ports, or what the relay could not do.

@@ -21,11 +21,11 @@
 namespace Zolt::Reference_Center {
 namespace {
 
-constexpr std::array<cable_end, 2> c_ends{cable_end{"near", "10.77.0.1"}, cable_end{"far", "10.77.0.2"}};
+constexpr std::array<cable_end, 2> c_bench_ends{cable_end{"near", "10.77.0.1"}, cable_end{"far", "10.77.0.2"}};
 constexpr std::uint16_t c_first_port = 7000; ///< in networks of its own
 constexpr std::size_t c_most_peers = 1000;
-constexpr std::uint32_t c_largest_packet = 64U << 20;
-constexpr std::uint32_t c_largest_datagram = 65507 - Reference_Host::c_header_size;
+constexpr std::uint32_t c_largest_load_packet = 64U << 20;
+constexpr std::uint32_t c_largest_datagram_data = 65507 - Reference_Host::c_header_size;
 constexpr int c_port_attempts = 5;
 
 struct bench_options : common_options {
@@ -217,7 +217,7 @@ private:
         for (std::size_t i = 0; i < plan.peers; ++i) {
             auto const port = static_cast<std::uint16_t>(c_first_port + i);
             arguments.insert(arguments.end(), {"--listen", std::to_string(port)});
-            plan.destinations.push_back({*parse_ip(c_ends[1].address), port});
+            plan.destinations.push_back({*parse_ip(c_bench_ends[1].address), port});
         }
         start_far(std::move(arguments), networks->network(1));
     }
@@ -289,12 +289,12 @@ std::unique_ptr<private_networks> make_networks(bench_options const& options) {
     if (options.kind != bench_kind::udp || !options.destinations.empty()) {
         return nullptr;
     }
-    if (std::string const why_not = why_no_private_networks(c_ends); !why_not.empty()) {
+    if (std::string const why_not = why_no_private_networks(c_bench_ends); !why_not.empty()) {
         throw failure(exit_code::skipped,
                       "two nodes on one machine cannot share a UDP port, and two networks are not to be had: " +
                           why_not);
     }
-    return std::make_unique<private_networks>(c_ends);
+    return std::make_unique<private_networks>(c_bench_ends);
 }
 
 int run_bench(bench_options const& options) {
@@ -370,7 +370,8 @@ void add_destination_option(CLI::App& command, bench_options& options, char cons
 CLI::App& add_load(CLI::App& bench, char const* name, char const* text, std::shared_ptr<bench_options> const& options,
                    action& chosen) {
     CLI::App& command = *bench.add_subcommand(name, text);
-    add_load_options(command, *options, options->kind == bench_kind::udp ? c_largest_datagram : c_largest_packet);
+    add_load_options(command, *options,
+                     options->kind == bench_kind::udp ? c_largest_datagram_data : c_largest_load_packet);
     command.callback([options, &chosen] { chosen = [options] { return run_bench(*options); }; });
     return command;
 }

@@ -23,7 +23,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::array<cable_end, 2> c_ends{cable_end{"alpha", "10.77.0.1"}, cable_end{"beta", "10.77.0.2"}};
+constexpr std::array<cable_end, 2> c_demo_ends{cable_end{"alpha", "10.77.0.1"}, cable_end{"beta", "10.77.0.2"}};
 constexpr std::uint16_t c_port = 7000;
 constexpr std::size_t c_written_at_once = 1U << 20;
 constexpr std::uint64_t c_largest_file = 1U << 30;
@@ -105,10 +105,10 @@ int open_file(demo_options& options) {
 
 /// Networks when they are wanted and allowed; why not, if not.
 std::unique_ptr<private_networks> make_networks(demo_options const& options, std::string& why_not) {
-    why_not = options.loopback ? "--loopback was given" : why_no_private_networks(c_ends);
+    why_not = options.loopback ? "--loopback was given" : why_no_private_networks(c_demo_ends);
     std::unique_ptr<private_networks> networks;
     if (why_not.empty()) {
-        networks = std::make_unique<private_networks>(c_ends);
+        networks = std::make_unique<private_networks>(c_demo_ends);
     }
     return networks;
 }
@@ -124,8 +124,8 @@ story_plan make_plan(demo_options const& options, private_networks const* networ
     if (networks != nullptr) {
         plan.networks[0] = networks->network(0);
         plan.networks[1] = networks->network(1);
-        plan.alpha = {*parse_ip(c_ends[0].address), c_port};
-        plan.beta = {*parse_ip(c_ends[1].address), c_port};
+        plan.alpha = {*parse_ip(c_demo_ends[0].address), c_port};
+        plan.beta = {*parse_ip(c_demo_ends[1].address), c_port};
     } else {
         plan.alpha = {c_local_host, find_free_port(0)};
         plan.beta = {c_local_host, find_free_port(plan.alpha.port)};

@@ -27,7 +27,6 @@ constexpr std::size_t c_largest_datagram = 65507;
 constexpr std::size_t c_largest_tcp_packet = 256U << 20;
 constexpr std::uint64_t c_queue_bytes = 8U << 20;
 constexpr std::uint64_t c_queue_packets = 16384;
-constexpr milliseconds c_look_around{50};
 constexpr milliseconds c_no_wait{0};
 
 struct send_options : common_options {

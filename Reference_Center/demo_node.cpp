@@ -24,7 +24,7 @@ using std::chrono::steady_clock;
 constexpr milliseconds c_round{5};
 constexpr milliseconds c_state_every{100};
 
-void tell(json_object const& object) {
+void tell_stage(json_object const& object) {
     write_out_object(object);
 }
 
@@ -73,7 +73,7 @@ public:
     explicit demo_node(center_plan const& plan) : node(plan, *this) {}
 
     int run() {
-        tell({{"event", "ready"}});
+        tell_stage({{"event", "ready"}});
         while (!stops && !input.is_at_end()) {
             node.serve(c_round);
             while (auto const line = input.next()) {
@@ -82,9 +82,9 @@ public:
             advance();
         }
         node.stop();
-        tell({{"event", "stopped"},
-              {"packets", hand_over_json(count_hand_overs())},
-              {"closed", close_counts_json(node.account().count_closed())}});
+        tell_stage({{"event", "stopped"},
+                    {"packets", hand_over_json(count_hand_overs())},
+                    {"closed", close_counts_json(node.account().count_closed())}});
         return static_cast<int>(exit_code::done);
     }
 
@@ -107,7 +107,7 @@ public:
 
 private:
     static void tell_peer(char const* what, peer const& who) {
-        tell({{"event", what}, {"peer", address_text(who.address)}, {"over", way_text(who.via)}});
+        tell_stage({{"event", what}, {"peer", address_text(who.address)}, {"over", way_text(who.via)}});
     }
 
     void obey(json_object const& command) {
@@ -125,13 +125,13 @@ private:
     void join(json_object const& command) {
         Center::INet_Relay::add_membership(ip_of(command, "group"), ip_of(command, "interface"),
                                            ip_of(command, "source"), command.at("port").get<std::uint16_t>());
-        tell({{"event", "done"}});
+        tell_stage({{"event", "done"}});
     }
 
     void leave(json_object const& command) {
         Center::INet_Relay::drop_membership(ip_of(command, "group"), ip_of(command, "interface"),
                                             ip_of(command, "source"), command.at("port").get<std::uint16_t>());
-        tell({{"event", "done"}});
+        tell_stage({{"event", "done"}});
     }
 
     /// "over" names the way; of the peers that connected to this node, the first one is meant.
@@ -185,7 +185,7 @@ private:
         } else {
             file.emplace(size);
         }
-        tell({{"event", "done"}}); // what arrives before this would not be counted
+        tell_stage({{"event", "done"}}); // what arrives before this would not be counted
     }
 
     void advance() {
@@ -199,7 +199,7 @@ private:
             json_object done{{"event", "done"}};
             done.update(task->figures());
             task = nullptr;
-            tell(done);
+            tell_stage(done);
         }
         auto const now = steady_clock::now();
         if (now >= state_due) {
@@ -225,7 +225,7 @@ private:
         if (datagram_file) {
             state["datagram_file"] = datagram_file->figures();
         }
-        tell(state);
+        tell_stage(state);
     }
 
     center node;

@@ -11,7 +11,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds c_look_around{50};
+constexpr milliseconds c_longest_pump{50};
 constexpr char c_killed[] = "killed";
 
 bool is_acceptance(link_event const& event) {
@@ -137,7 +137,7 @@ bool demo_stage::wait(milliseconds longest, std::function<bool()> const& conditi
         if (left.count() <= 0) {
             return false;
         }
-        pump(std::min(left, c_look_around));
+        pump(std::min(left, c_longest_pump));
         show();
     }
     return true;

@@ -2,6 +2,7 @@
 
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/demo_traffic.hpp"
+#include "Reference_Center/moments.hpp"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -45,10 +46,6 @@ enum stream_number : std::uint32_t {
 
 std::string distinct_pointer(std::uint32_t stream) {
     return fmt::format("/streams/{}/distinct", stream);
-}
-
-double seconds_since(steady_clock::time_point moment) {
-    return std::chrono::duration<double>(steady_clock::now() - moment).count();
 }
 
 double rate(std::uint64_t bytes, double time) {

@@ -13,7 +13,7 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr std::size_t c_piece = 65536;
-constexpr std::uint64_t c_queue_bytes = 4U << 20;
+constexpr std::uint64_t c_transfer_queue_bytes = 4U << 20;
 /// How many packets a stream that fell behind may catch up with in one round.
 constexpr int c_burst = 8;
 constexpr std::uint64_t c_most_sequence = 1U << 24;
@@ -111,7 +111,7 @@ file_task::file_task(center& of, peer destination, int descriptor, std::uint64_t
     : node(of), to(destination), fd(descriptor), size(bytes) {}
 
 void file_task::advance() {
-    while (!failed && offset < size && count_hand_overs().queued_bytes < c_queue_bytes) {
+    while (!failed && offset < size && count_hand_overs().queued_bytes < c_transfer_queue_bytes) {
         auto const piece = read_piece(fd, offset, std::min<std::uint64_t>(c_piece, size - offset));
         Reference_Host::packet_plan packet;
         packet.destination = {to.address.ip, to.address.port, 0};
@@ -120,7 +120,7 @@ void file_task::advance() {
         failed = piece.empty() || !node.send(to, Reference_Host::make_packet(packet, piece));
         offset += piece.size();
     }
-    wake_when_queue_is_below(offset < size ? c_queue_bytes / 2 : 0, ~std::uint64_t{0});
+    wake_when_queue_is_below(offset < size ? c_transfer_queue_bytes / 2 : 0, ~std::uint64_t{0});
 }
 
 json_object file_task::figures() const {

@@ -18,7 +18,7 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr std::chrono::minutes c_fold_time{1};
-constexpr std::chrono::seconds c_drain_time{1};
+constexpr std::chrono::seconds c_last_lines_time{1};
 constexpr std::size_t c_most_texts = 256;
 constinit std::atomic<std::uint64_t> g_folded_lines{0};
 
@@ -111,7 +111,7 @@ relay_lines::relay_lines() {
 }
 
 relay_lines::~relay_lines() {
-    Reference_Host::drain_output(c_drain_time);
+    Reference_Host::drain_output(c_last_lines_time);
     Reference_Host::set_output_target(nullptr, nullptr);
     get_folder().flush();
 }

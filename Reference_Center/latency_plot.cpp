@@ -16,7 +16,7 @@ constexpr double c_step = 0.02; ///< between two points of the curve, in nines
 constexpr double c_fewest_nines = 2;
 constexpr double c_most_nines = 6;
 
-constexpr char const* c_head =
+constexpr char const* c_plot_head =
     R"(<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 760 420" width="760" height="420" role="img">
 <style>
   svg {{ --page: #ffffff; --ink: #1c1f23; --faint: #d5d9de; --mark: #0b62c4; font: 13px sans-serif; }}
@@ -153,7 +153,7 @@ private:
 } // namespace
 
 std::string draw_latencies(latency_histogram const& latencies, std::string const& title) {
-    std::string const head = fmt::format(c_head, escape(title));
+    std::string const head = fmt::format(c_plot_head, escape(title));
     if (latencies.count() == 0) {
         return head + "<text class=\"across\" x=\"380\" y=\"210\">nothing was measured</text>\n</svg>\n";
     }

@@ -6,7 +6,7 @@
 namespace Zolt::Reference_Center {
 namespace {
 
-constexpr std::string_view c_head = R"TEXT(# Messages
+constexpr std::string_view c_page_head = R"TEXT(# Messages
 
 Every text that the relay and `zolt-center` print, and the codes that they use, with meaning, cause and next step in English and
 Korean. Made from `Reference_Center/messages.txt` by `zolt-center explain --markdown`; a test compares the two.
@@ -40,7 +40,7 @@ void write_entry(std::string& page, message_entry const& entry) {
 } // namespace
 
 std::string message_page(std::vector<message_group> const& groups) {
-    std::string page(c_head);
+    std::string page(c_page_head);
     for (message_group const& group : groups) {
         fmt::format_to(std::back_inserter(page), "\n## {} / {}\n", group.english, group.korean);
         for (message_entry const& entry : group.entries) {

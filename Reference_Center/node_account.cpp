@@ -2,6 +2,7 @@
 
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/diagnostics.hpp"
+#include "Reference_Center/moments.hpp"
 #include "Reference_Host/inbox.hpp"
 #include "Reference_Host/output_sink.hpp"
 
@@ -19,10 +20,6 @@ constexpr unsigned int c_ticks_of_a_window = 30;
 
 double to_seconds(steady_clock::duration time) {
     return std::chrono::duration<double>(time).count();
-}
-
-double seconds_since(steady_clock::time_point then) {
-    return to_seconds(steady_clock::now() - then);
 }
 
 inbox_report take_inbox() {

@@ -34,7 +34,7 @@ std::string size_text(double bytes) {
     return unit == 0 ? fmt::format("{:.0f} B", bytes) : fmt::format("{:.1f} {}", bytes, units[unit]);
 }
 
-std::string time_text(double seconds) {
+std::string age_text(double seconds) {
     if (seconds < c_minute) {
         return fmt::format("{:.1f} s", seconds);
     }
@@ -75,7 +75,7 @@ view_line title_line(json_object const& snapshot) {
     bool const healthy = snapshot.at("healthy").get<bool>();
     bool const ready = snapshot.at("ready").get<bool>();
     return {fmt::format("zolt-center {}, pid {}, up {}: {}, {}", text_of(snapshot.at("version")),
-                        snapshot.at("pid").get<std::int64_t>(), time_text(number(snapshot, "uptime_s")),
+                        snapshot.at("pid").get<std::int64_t>(), age_text(number(snapshot, "uptime_s")),
                         healthy ? "healthy" : "NOT HEALTHY", ready ? "ready" : "not ready"),
             healthy ? look::heading : look::bad};
 }
@@ -111,7 +111,7 @@ std::string peer_row(std::array<std::string, 8> const& cells) {
 view_line peer_line(json_object const& peer) {
     json_object const& rates = peer.at("rates");
     std::string const state = text_of(peer.at("state"));
-    return {peer_row({text_of(peer.at("address")), text_of(peer.at("over")), state, time_text(number(peer, "since_s")),
+    return {peer_row({text_of(peer.at("address")), text_of(peer.at("over")), state, age_text(number(peer, "since_s")),
                       size_text(number(rates, "bytes_in_per_s")), size_text(number(rates, "bytes_out_per_s")),
                       size_text(number(peer.at("queue"), "bytes")), latency_text(peer.at("latency_us"))}),
             state == "established" ? look::plain : look::bad};
