@@ -11,7 +11,6 @@ using namespace relay_test;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr std::uint16_t c_gate = 6543;
 constexpr std::uint32_t c_hung_up = EPOLLIN | EPOLLERR | EPOLLHUP;
 
 class accepted_exchange : public accepting_fixture {

@@ -13,7 +13,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr std::uint16_t c_local = 7000;
-constexpr std::uint16_t c_gate = 6543;
 constexpr unsigned char c_connected_to_server = 1;
 constexpr unsigned char c_disconnected_from_server = 2;
 

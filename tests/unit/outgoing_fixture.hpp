@@ -42,6 +42,9 @@ inline bytes block_bytes(Zolt::struct_tcp_header const& block) {
     return content;
 }
 
+/// The port by which a peer says that it knows the relay's node.
+inline constexpr std::uint16_t c_gate = 6543;
+
 /// The block that a side sends.
 inline bytes init_block(std::uint16_t sender, std::uint16_t receiver) {
     Zolt::struct_tcp_header block;

@@ -19,8 +19,7 @@ target_link_options(whole_node_test PRIVATE -Wl,--wrap=bind -Wl,--wrap=accept -W
   -Wl,--wrap=_ZN4Zolt17struct_tcp_headerC1Ev)
 
 # A live relay and the thresholds of docs/known-limits.md. One of them takes a minute.
-add_executable(limits_test limits_test.cpp ${PROJECT_SOURCE_DIR}/tests/race/live_relay.cpp
-  $<TARGET_OBJECTS:inet_relay_objects>)
+add_executable(limits_test limits_test.cpp $<TARGET_OBJECTS:live_relay> $<TARGET_OBJECTS:inet_relay_objects>)
 target_link_libraries(limits_test PRIVATE relay_test_support GTest::gtest_main)
 gtest_discover_tests(limits_test TEST_FILTER -limits_long.* DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit TIMEOUT 60)
 add_test(NAME unit.limits_long COMMAND limits_test --gtest_filter=limits_long.*)
