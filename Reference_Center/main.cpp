@@ -5,6 +5,7 @@
 #include "Reference_Center/word_distance.hpp"
 
 #include <algorithm>
+#include <csignal>
 #include <fmt/format.h>
 #include <sstream>
 #include <string>
@@ -120,5 +121,7 @@ int run_and_report(std::vector<std::string> const& arguments) {
 } // namespace Zolt::Reference_Center
 
 int main(int argc, char** argv) {
+    // A reader of standard output that goes away is found by write's answer.
+    std::signal(SIGPIPE, SIG_IGN);
     return Zolt::Reference_Center::run_and_report(std::vector<std::string>(argv + 1, argv + argc));
 }

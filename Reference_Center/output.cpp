@@ -54,15 +54,10 @@ void write_error_line(std::string_view line) {
 }
 
 void report_failure(failure const& reason, bool as_json) {
-    if (!as_json) {
-        write_error_line(std::string("zolt-center: ") + reason.what());
-        return;
-    }
     json_object const object{{"error", {{"code", static_cast<int>(reason.code())}, {"text", reason.what()}}}};
-    try {
-        write_out_object(object);
-    } catch (failure const&) {
-        // Nobody reads; the exit code still tells.
+    // An object that nobody can read is a line after all.
+    if (!as_json || write_whole(STDOUT_FILENO, to_line(object)) != 0) {
+        write_error_line(std::string("zolt-center: ") + reason.what());
     }
 }
 

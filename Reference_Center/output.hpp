@@ -25,7 +25,8 @@ void write_out_object(json_object const& object);
 /// Writes a line to standard error; what goes wrong with that is ignored.
 void write_error_line(std::string_view line);
 
-/// Tells the user why the program ends: a line on standard error, or with as_json an object on standard output.
+/// Tells the user why the program ends: a line on standard error, or with as_json an object on standard output, if that
+/// can be written.
 void report_failure(failure const& reason, bool as_json);
 
 /// True when the descriptor is a terminal that understands cursor movements.

@@ -20,8 +20,6 @@ int open_signals() {
     ::sigaddset(&set, SIGINT);
     ::sigaddset(&set, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    // A reader of standard output that goes away is found by write's answer.
-    std::signal(SIGPIPE, SIG_IGN);
     return checked(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd");
 }
 

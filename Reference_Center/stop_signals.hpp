@@ -11,7 +11,7 @@
 namespace Zolt::Reference_Center {
 
 /// Both signals blocked for the calling thread and those that it starts from now on; each one that arrives makes the
-/// descriptor readable. SIGPIPE is ignored. Throws failure.
+/// descriptor readable. Throws failure.
 class blocked_signals {
 public:
     blocked_signals();

@@ -10,6 +10,7 @@ import socket
 import tempfile
 import unittest
 
+import admin_support
 import center_support as support
 
 # Arguments, exit code, what the message names. Names in braces are made below.
@@ -82,6 +83,13 @@ BAD_STATE = [
 OBJECTS = ["version", "config check", "config show", "config check {wrong_value}", "explain silent", "explain --all",
            "doctor", "run --listen {free} --seconds 0.05 --admin none", "listen --port {free} --seconds 0.05 --count 1",
            "ping --to 127.0.0.1:{refused} --wait 0.05", "send --to 127.0.0.1:{refused} --wait 0.05"]
+
+# Each command in a run that writes to standard output, by itself or to a Center at {port} with its page at {admin}.
+WRITING = ["--help", "run --listen {free} --admin none --seconds 60", "demo --loopback --part tcp --tcp-size 1M",
+           "send --to 127.0.0.1:{port} --json", "listen --port {free} --seconds 0.05 --json", "ping --to 127.0.0.1:{port} --count 1",
+           "bench tcp --to 127.0.0.1:{port} --duration 0.05 --warm-up 0", "bench broadcast --peers 1 --duration 0.05 --warm-up 0",
+           "bench udp --help", "status --admin {admin}", "top --admin {admin}", "config check", "config show", "doctor",
+           "explain --all", "completion bash", "version"]
 
 FILES = {"broken": b"[ZOLT]\nbacklog five\n", "not_utf8": b"[ZOLT]\nCLIENT_LINGER_TIME = \xff\n",
          "unknown_key": b"[ZOLT]\nBACKLOG = 5\n", "wrong_value": b"[ZOLT]\nAUTO_DISCONNECT = off\n",
@@ -182,6 +190,23 @@ class ExitCode(Things):
         result = support.call("version", stdout=None, preexec_fn=lambda: os.close(1))
         self.assertEqual((result.returncode, result.stderr.decode()),
                          (1, "zolt-center: cannot write to standard output: Bad file descriptor\n"))
+
+    def test_of_an_output_whose_reader_is_gone_is_1(self):
+        center = self.enterContext(admin_support.Center("--echo"))
+        self.things.update(port=center.port, admin=center.admin)
+        for arguments in (*WRITING, *(f"{arguments} --json" for arguments in ("version", "config show", "doctor"))):
+            with self.subTest(arguments=arguments):
+                read, write = os.pipe()
+                os.close(read)
+                with open(write, "wb") as gone:
+                    result = self.run_filled(arguments, stdout=gone)
+                self.assertEqual((result.returncode, result.stderr.decode().splitlines()[-1]),
+                                 (1, "zolt-center: cannot write to standard output: Broken pipe"))
+
+    def test_of_every_command_is_asked_for_when_the_reader_is_gone(self):
+        named = {tuple(word for word in arguments.split() if word.isalpha())[:len(path)]
+                 for arguments in WRITING for path in support.all_commands()}
+        self.assertLessEqual(set(support.all_commands()), named)
 
     def test_of_a_stop_by_signal_is_0_and_of_a_wait_that_was_cut_130(self):
         center, _ = support.start_on_port(lambda port: ["run", "--listen", port, "--admin", "none"], "stdout", "ready")
