@@ -21,10 +21,6 @@ struct config_options {
 
 // --- check -----------------------------------------------------------------------------------------------------
 
-char const* severity_text(severity weight) {
-    return weight == severity::error ? "error" : "warning";
-}
-
 void tell_finding(std::string const& file, finding const& what) {
     write_out_line(fmt::format("{}:{}: {} {}: {}\n    {}", file, what.line, severity_text(what.weight), what.code,
                                what.reason, what.advice));

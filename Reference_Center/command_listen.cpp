@@ -75,16 +75,20 @@ void join_group(listen_options const& options) {
 
 int report(listen_options const& options, printing_user const& user, bool interrupted) {
     log_event(fmt::format("printed {} packets", user.count()));
-    if (options.count == 0 || user.is_complete()) {
-        return static_cast<int>(exit_code::done);
+    bool const is_done = options.count == 0 || user.is_complete();
+    if (!is_done && !interrupted) {
+        throw failure(exit_code::failed, fmt::format("only {} of {} packets arrived", user.count(), options.count));
     }
-    if (interrupted) {
-        return static_cast<int>(exit_code::interrupted);
+    if (options.json) {
+        write_out_object(json_object{{"event", "stopped"}, {"printed", user.count()}});
     }
-    throw failure(exit_code::failed, fmt::format("only {} of {} packets arrived", user.count(), options.count));
+    return static_cast<int>(is_done ? exit_code::done : exit_code::interrupted);
 }
 
 int run_listen(listen_options options) {
+    if (options.ports.empty()) {
+        throw failure(exit_code::wrong_usage, "--port is required");
+    }
     if (options.json) {
         options.format = packet_format::json;
     }
@@ -111,10 +115,7 @@ int run_listen(listen_options options) {
 void add_listen_command(CLI::App& app, action& chosen) {
     CLI::App& command = *app.add_subcommand("listen", "Print the packets that arrive");
     auto const options = std::make_shared<listen_options>();
-    command.add_option("--port", options->ports, "Serve a port over UDP and TCP; may be given more than once")
-        ->required()
-        ->check(port_check())
-        ->type_name("PORT");
+    add_ports_option(command, *options, "--port", "--listen");
     command.add_option("--format", options->format, "raw: the data alone; quoted, hex, json: one line a packet")
         ->transform(CLI::CheckedTransformer(std::map<std::string, packet_format>{{"raw", packet_format::raw},
                                                                                  {"quoted", packet_format::quoted},
@@ -140,7 +141,8 @@ void add_listen_command(CLI::App& app, action& chosen) {
         ->type_name("IP")
         ->capture_default_str();
     add_center_options(command, *options);
-    add_json_option(command, options->json, "The same as --format json");
+    add_json_option(command, options->json,
+                    "As --format json, and one object at the end that tells how many there were");
     command.footer("With --count, fewer packets than that are a failure.\n\n"
                    "  zolt-center listen --port 7000 --once > picture.png\n"
                    "  zolt-center listen --port 7000 --format quoted --group 232.0.0.1 --source 10.0.0.2");

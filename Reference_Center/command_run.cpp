@@ -2,6 +2,8 @@
 #include "Reference_Center/addresses.hpp"
 #include "Reference_Center/admin_site.hpp"
 #include "Reference_Center/center.hpp"
+#include "Reference_Center/configuration.hpp"
+#include "Reference_Center/configuration_check.hpp"
 #include "Reference_Center/link_message.hpp"
 #include "Reference_Center/node_report_json.hpp"
 #include "Reference_Center/options.hpp"
@@ -127,6 +129,18 @@ void tell_sum(run_options const& options, center const& node) {
     }
 }
 
+/// What "config check" says of the file that the relay reads.
+void warn_of_configuration(std::string const& path) {
+    configuration_text const text = read_configuration_text(path);
+    if (!text.is_present) {
+        return;
+    }
+    for (finding const& what : check_configuration(text.bytes, read_backlog_cap())) {
+        log_warning(fmt::format("{}:{}: {} {}: {}; {}", text.file, what.line, severity_text(what.weight), what.code,
+                                what.reason, what.advice));
+    }
+}
+
 /// How long what is queued gets to leave: half of the stop's time when nothing else was said.
 milliseconds drain_time(run_options const& options, center_plan const& plan) {
     return options.drain ? to_milliseconds(*options.drain) : plan.stop_timeout / 2;
@@ -155,6 +169,7 @@ int run_center(run_options const& options) {
     plan.manager = &manager;
     center node(plan, user);
     user.use(node);
+    warn_of_configuration(options.configuration);
     auto const admin = open_admin(options.admin, node.account(), options.configuration);
     for (std::string const& destination : options.destinations) {
         node.connect(*parse_address(destination));
@@ -191,9 +206,7 @@ void add_queue_options(CLI::App& command, run_options& options) {
 void add_run_command(CLI::App& app, action& chosen) {
     CLI::App& command = *app.add_subcommand("run", "Run a Center in the foreground until SIGINT or SIGTERM");
     auto const options = std::make_shared<run_options>();
-    command.add_option("--listen", options->ports, "Serve a port over UDP and TCP; may be given more than once")
-        ->check(port_check())
-        ->type_name("PORT");
+    add_ports_option(command, *options, "--listen", "--port");
     command
         .add_option("--connect", options->destinations,
                     "Keep a connection to a destination open; may be given more than once")

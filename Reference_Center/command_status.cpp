@@ -16,8 +16,8 @@ struct status_options {
 int run_status(status_options const& options) {
     json_object const snapshot = take_snapshot(options.admin);
     write_out(options.json ? to_line(snapshot) : snapshot_text(snapshot));
-    bool const is_healthy = snapshot.value("healthy", false);
-    return static_cast<int>(is_healthy ? exit_code::done : exit_code::check_failed);
+    bool const is_well = snapshot.value("healthy", false) && snapshot.value("ready", false);
+    return static_cast<int>(is_well ? exit_code::done : exit_code::check_failed);
 }
 
 } // namespace
@@ -27,7 +27,7 @@ void add_status_command(CLI::App& app, action& chosen) {
     auto const options = std::make_shared<status_options>();
     add_asked_admin_option(command, options->admin);
     add_json_option(command, options->json, "Print one JSON object");
-    command.footer("Exit code 5 when no Center answers, 6 when it is not healthy.\n\n"
+    command.footer("Exit code 5 when no Center answers, 6 when it is not healthy or not ready.\n\n"
                    "  zolt-center status --admin 127.0.0.1:7979 --json");
     command.callback([options, &chosen] { chosen = [options] { return run_status(*options); }; });
 }

@@ -359,6 +359,10 @@ private:
 
 } // namespace
 
+char const* severity_text(severity weight) {
+    return weight == severity::error ? "error" : "warning";
+}
+
 std::vector<finding> check_configuration(std::string_view text, int backlog_cap) {
     return checker(text, backlog_cap).run();
 }

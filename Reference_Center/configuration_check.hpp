@@ -13,6 +13,8 @@ enum class severity {
     error,   ///< the relay reads something else than what is written
 };
 
+char const* severity_text(severity weight);
+
 struct finding {
     int line = 0; ///< from 1
     severity weight = severity::error;

@@ -39,6 +39,7 @@ public:
         }
         write(entry->first, here.held);
         here = {now + c_fold_time, 0};
+        explain_end(text);
     }
 
     void flush() {
@@ -64,7 +65,16 @@ private:
         }
     }
 
+    /// Looks like an error, and is none: told once.
+    void explain_end(std::string_view text) {
+        if (!has_explained && (text == "recv server 에러" || text == "recv client 에러")) {
+            has_explained = true;
+            log_event("the line above comes with the end of each connection, also of one that the peer just closed");
+        }
+    }
+
     std::map<std::string, fold, std::less<>> folds;
+    bool has_explained = false;
 };
 
 line_folder& get_folder() {

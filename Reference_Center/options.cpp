@@ -92,6 +92,19 @@ void add_center_options(CLI::App& command, common_options& options) {
     command.add_flag("-v,--verbose", options.verbose, "Write the relay's traces too")->excludes(quiet);
 }
 
+void add_ports_option(CLI::App& command, common_options& options, std::string const& name, std::string const& second) {
+    auto const take = [&ports = options.ports](std::vector<std::uint16_t> const& more) {
+        ports.insert(ports.end(), more.begin(), more.end());
+    };
+    for (std::string const& one : {name, second}) {
+        command.add_option_function<std::vector<std::uint16_t>>(one, take)
+            ->description("Serve a port over UDP and TCP; may be given more than once")
+            ->check(port_check())
+            ->type_name("PORT");
+    }
+    command.get_option(second)->group("");
+}
+
 void add_json_option(CLI::App& command, bool& json, std::string const& text) {
     command.add_flag("--json", json, text);
 }

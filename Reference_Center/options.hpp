@@ -48,6 +48,8 @@ struct common_options {
 
 /// --config, --max-packet, --stop-timeout, --wait-port, --quiet, --verbose: every command that runs a Center.
 void add_center_options(CLI::App& command, common_options& options);
+/// An option that serves ports, and a second name for it that the help does not show.
+void add_ports_option(CLI::App& command, common_options& options, std::string const& name, std::string const& second);
 void add_json_option(CLI::App& command, bool& json, std::string const& text);
 
 /// Each says what is wrong with a text that is none.

@@ -139,6 +139,12 @@ class Snapshot(Command):
         self.assertIn("tcp_recv has ended", text.stdout.decode().splitlines())
         self.assertEqual((told.returncode, told.stderr, json.loads(told.stdout)["healthy"]), (6, b"", False))
 
+    def test_of_a_center_that_is_not_ready_ends_with_6(self):
+        with self.changed(ready=False) as other:
+            text = support.call("status", "--admin", other.admin)
+        self.assertEqual((text.returncode, text.stderr), (6, b""))
+        self.assertTrue(text.stdout.decode().splitlines()[0].endswith(": healthy, not ready"), text.stdout)
+
     def test_lets_nobody_write_to_the_terminal(self):
         with self.changed(version="\x1b[2J\u202e1", problems=["a\nb\x9b"]) as other:
             shown = support.call("status", "--admin", other.admin).stdout

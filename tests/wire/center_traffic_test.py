@@ -166,6 +166,22 @@ class Listen(Traffic):
         self.assertEqual(lines[0], {"from": address, "over": "accepted", "kind": "data", "sequence": 7, "code": 9,
                                     "size": 5, "text": "grün"})
         self.assertEqual((lines[1]["over"], lines[1]["hex"]), ("udp", "fffe"))
+        self.assertEqual(lines[2:], [{"event": "stopped", "printed": 2}])
+
+    def test_tells_an_object_also_when_nothing_came(self):
+        for options, told in ((["--json"], '{"event":"stopped","printed":0}\n'), (["--format", "json"], "")):
+            listener, _ = self.listen("--seconds", 0.05, *options)
+            self.assertEqual(self.expect_end(listener)[0].decode(), told)
+
+    def test_serves_ports_by_either_name(self):
+        for command, options in (("listen", ["--port", "--listen"]), ("run", ["--listen", "--port"])):
+            with support.Running(command, "--seconds", 0.05, *(["--admin", "none"] if command == "run" else []),
+                                 *(word for option in options for word in (option, support.free_port()))) as program:
+                ports = [str(word) for word in program.process.args if str(word).isdigit()]
+                out, errors = self.expect_end(program)
+                self.assertIn(f"ready; serving {', '.join(ports)} over UDP and TCP", out.decode() + errors)
+            told = support.call(command, "--help").stdout.decode()
+            self.assertEqual([option for option in options if f"\n  {option} " in told], options[:1])
 
     def test_goes_on_after_datagrams_that_are_no_packets(self):
         listener, port = self.listen("--count", 1)
@@ -271,6 +287,17 @@ class Run(Traffic):
             packet = peer.receive()
         self.assertEqual((packet.kind, packet.sequence, packet.data), (support.CALL_ACKNOWLEDGEMENT, 5, b""))
 
+    def test_warns_of_what_its_configuration_does_not_mean(self):
+        with tempfile.NamedTemporaryFile("w", suffix=".ini") as file:
+            file.write("[ZOLT]\nAUTO_DISCONNECT = off\nSERVER_LINGER_TIME = 5\n")
+            file.flush()
+            checked = json.loads(support.call("config", "check", file.name, "--json").stdout)["findings"]
+            center, _ = self.run_center("--config", file.name, "--admin", "none", "--seconds", 0.05)
+            warnings = [line.partition(" warning ")[2] for line in self.expect_end(center)[1].splitlines() if " warning " in line]
+        self.assertEqual([finding["code"] for finding in checked], ["switch-not-off", "key-no-effect"])
+        self.assertEqual(warnings, [f"{file.name}:{told['line']}: {told['severity']} {told['code']}: {told['reason']}; {told['advice']}"
+                                    for told in checked])
+
     def test_tells_who_comes_and_goes(self):
         center, port = self.run_center()
         with support.Peer.connect(port) as peer:
@@ -299,8 +326,10 @@ class Run(Traffic):
             center.wait_for("stderr", f" disconnected {address} ")
         center.signal(signal.SIGTERM)
         _, errors = self.expect_end(center)
-        told = [line.split(" ", 1)[1] for line in errors.splitlines() if "recv server" in line]
-        self.assertEqual(told, ["warning relay: recv server 에러", "warning relay: recv server 에러 (held back 2 times)"])
+        told = [line.split(" ", 1)[1] for line in errors.splitlines()]
+        first, meaning = "warning relay: recv server 에러", "info the line above comes with the end of each connection"
+        self.assertEqual([line for line in told if "recv server" in line], [first, f"{first} (held back 2 times)"])
+        self.assertEqual([number for number, line in enumerate(told) if line.startswith(meaning)], [told.index(first) + 1])
 
     def test_counts_what_the_relay_drops_on_a_busy_connection(self):
         center, port = self.run_center("--echo", "--verbose")
