@@ -59,6 +59,13 @@ connection_end judge(int state, int error) {
     return {is_given_up(error) ? close_reason::send_failed : close_reason::reset, error};
 }
 
+/// The first one behind that key for which it holds, or else the first one at all, or the end.
+template <typename Map, typename Condition>
+typename Map::iterator find_after(Map& map, typename Map::key_type const& last, Condition const& condition) {
+    auto const after = std::find_if(map.upper_bound(last), map.end(), condition);
+    return after != map.end() ? after : std::find_if(map.begin(), map.end(), condition);
+}
+
 /// In the code of the notice, which the relay leaves 0: the reason and 1, and the error.
 void write_end(struct_packet& notice, connection_end end) {
     Reference_Host::set_code(notice, (static_cast<std::uint32_t>(end.reason) + 1) |
@@ -147,11 +154,7 @@ void connection_observer::choose_next_to_retry(std::uint32_t ip) {
     auto const waits = [&](destinations::value_type const& entry) {
         return is_there(entry) && !entry.second.is_under_way && !entry.second.is_established;
     };
-    auto const after = known.upper_bound(last_retried);
-    auto chosen = std::find_if(after, known.end(), waits);
-    if (chosen == known.end()) {
-        chosen = std::find_if(known.begin(), known.end(), waits);
-    }
+    auto chosen = find_after(known, last_retried, waits);
     if (chosen == known.end()) {
         // The relay may be quicker than the notice of an end.
         chosen = std::find_if(known.begin(), known.end(), is_there);
@@ -178,9 +181,10 @@ void connection_observer::begin_attempt() {
     entry->second.since = steady_clock::now();
 }
 
-/// Of the attempts under way to that address, the one whose socket shows it.
+/// Of the attempts under way to that address, the one whose socket shows it. The relay's timer ends attempts in the order
+/// of their destinations: whoever looks behind the last one need not look at those before it again.
 connection_observer::destinations::iterator connection_observer::find_failed(std::uint32_t ip) {
-    return std::find_if(known.begin(), known.end(), [ip](destinations::value_type const& entry) {
+    auto const failed = find_after(known, last_failed, [ip](destinations::value_type const& entry) {
         auto const& [address, tried] = entry;
         if (address.ip != ip || !tried.is_under_way) {
             return false;
@@ -188,6 +192,10 @@ connection_observer::destinations::iterator connection_observer::find_failed(std
         auto const info = read_tcp_info(tried.descriptor);
         return info && info->tcpi_state != TCP_SYN_SENT && info->tcpi_state != TCP_ESTABLISHED;
     });
+    if (failed != known.end()) {
+        last_failed = failed->first;
+    }
+    return failed;
 }
 
 void connection_observer::end_attempt(destinations::iterator failed, close_reason reason, std::string detail) {

@@ -123,6 +123,7 @@ private:
     mutable std::mutex lock; ///< guards what follows
     destinations known;
     struct_node_addr last_retried;
+    struct_node_addr last_failed;
     sockets open;
     std::map<int, peer> by_descriptor;
     std::vector<int> candidates; ///< descriptors that may be listening

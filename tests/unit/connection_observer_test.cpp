@@ -10,9 +10,24 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+namespace {
+int g_looks = 0; ///< at the state of a connection
+}
+
+/// In place of the C library's, to count.
+extern "C" int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
+    if (level == IPPROTO_TCP && option == TCP_INFO) {
+        ++g_looks;
+    }
+    return static_cast<int>(::syscall(SYS_getsockopt, fd, level, option, value, size));
+}
 
 namespace Zolt::Reference_Center {
 
@@ -72,6 +87,7 @@ protected:
         ::sockaddr_in const any = address_of(0);
         ::bind(server.fd, reinterpret_cast<::sockaddr const*>(&any), sizeof any);
         ::listen(server.fd, 8);
+        ::bind(unused.fd, reinterpret_cast<::sockaddr const*>(&any), sizeof any);
         port = read_local_port(server.fd);
         observer.take_listening();
     }
@@ -137,6 +153,7 @@ protected:
     }
 
     socket_holder server;
+    socket_holder unused; ///< bound, and nobody listens there
     std::uint16_t port = 0;
     closed_connections closed;
     connection_observer observer{{9}, closed};
@@ -227,6 +244,26 @@ TEST_F(observed, exchange_that_fails_belongs_to_the_socket_that_failed) {
     ASSERT_EQ(ports_of_closed(), std::vector<std::uint16_t>{port});
     EXPECT_EQ(closed.take()[0].reason, close_reason::init_failed);
     EXPECT_TRUE(observer.find_attempt(at(1)));
+}
+
+TEST_F(observed, attempts_that_go_on_are_not_looked_at_again_for_each_one_that_fails) {
+    constexpr std::uint16_t c_attempts = 100;
+    ::listen(server.fd, 0); // the first two fill the backlog; who comes after them waits
+    std::vector<std::unique_ptr<socket_holder>> sockets;
+    std::uint16_t const nobody = read_local_port(unused.fd);
+    for (std::uint16_t number = 0; number < 2 * c_attempts; ++number) {
+        auto const& made = sockets.emplace_back(std::make_unique<socket_holder>());
+        connection_observer::adding const adds(observer, at(static_cast<std::uint16_t>(1000 + number)));
+        begin_attempt();
+        Tesk::Utility::fflag_on(made->fd, O_NONBLOCK);
+        made->connect(number % 2 == 0 ? port : nobody);
+    }
+    g_looks = 0;
+    for (std::uint16_t number = 0; number < c_attempts; ++number) {
+        trace("tcp init failed %s");
+    }
+    EXPECT_EQ(closed.count()[static_cast<std::size_t>(close_reason::refused)], c_attempts);
+    EXPECT_LE(g_looks, 2 * c_attempts);
 }
 
 TEST_F(observed, ends_have_the_reason_that_their_socket_shows) {
