@@ -2,8 +2,8 @@
 #ifndef REFERENCE_CENTER_LATENCY_HISTOGRAM_HPP
 #define REFERENCE_CENTER_LATENCY_HISTOGRAM_HPP
 
-#include <array>
-#include <cstddef>
+#include "Reference_Center/latency_buckets.hpp"
+
 #include <cstdint>
 
 namespace Zolt::Reference_Center {
@@ -23,16 +23,9 @@ public:
     std::uint64_t at_share(double share) const;
 
 private:
-    /// A power of two is divided into that many buckets; below twice that number a bucket is one value.
-    static constexpr unsigned int c_part_bits = 6;
-    static constexpr std::size_t c_parts = std::size_t{1} << c_part_bits;
-    static constexpr std::size_t c_buckets = (64 - c_part_bits + 1) * c_parts;
+    using buckets = latency_buckets<6, 64>;
 
-    static std::size_t bucket_of(std::uint64_t value);
-    /// The middle of a bucket.
-    static std::uint64_t value_of(std::size_t bucket);
-
-    std::array<std::uint64_t, c_buckets> buckets{};
+    buckets::counts counts{};
     std::uint64_t total = 0;
     std::uint64_t smallest = ~std::uint64_t{0};
     std::uint64_t largest = 0;

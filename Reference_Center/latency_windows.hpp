@@ -1,11 +1,12 @@
-// How long packets took, of those of the last while, in a memory of fixed size: counts of times, in steps of an eighth of
-// the time or finer. Any thread adds; one turns; any reads.
+// How long packets took, of those of the last while, in a memory of fixed size: counts of times, in buckets of an eighth
+// of the time or finer. Any thread adds; one turns; any reads.
 #ifndef REFERENCE_CENTER_LATENCY_WINDOWS_HPP
 #define REFERENCE_CENTER_LATENCY_WINDOWS_HPP
 
+#include "Reference_Center/latency_buckets.hpp"
+
 #include <array>
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 
 namespace Zolt::Reference_Center {
@@ -27,17 +28,13 @@ public:
     latency_summary summarize() const;
 
 private:
-    static constexpr unsigned int c_step_bits = 3; ///< steps to each power of two, as a power of two
-    static constexpr unsigned int c_largest_power = 30;
-    static constexpr std::size_t c_steps = (c_largest_power - c_step_bits + 1) << c_step_bits;
+    /// Up to 18 minutes.
+    using buckets = latency_buckets<3, 30>;
 
     struct window {
-        std::array<std::atomic<std::uint32_t>, c_steps> counts{};
+        std::array<std::atomic<std::uint32_t>, buckets::c_buckets> counts{};
         std::atomic<std::uint64_t> max{0};
     };
-
-    static std::size_t step_of(std::uint64_t microseconds);
-    static double middle_of(std::size_t step);
 
     std::array<window, 2> windows;
     std::atomic<unsigned int> current{0};
