@@ -55,6 +55,8 @@ center_test(hostile_silence hostile_silence_test)
 # What a running Center tells of itself.
 center_test(admin admin_test)
 center_test(admin_commands admin_commands_test)
+center_test(admin_promtool admin_promtool_test)
+set_tests_properties(wire.admin_promtool PROPERTIES LABELS "wire;long")
 
 center_test(center_account center_account_test Peers Ends Queues Burst Service)
 center_test(center_account_long center_account_test LongEnds)
