@@ -3,6 +3,7 @@
 import os
 import signal
 import socket
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -110,6 +111,23 @@ class Contents(Capturing):
         self.assertEqual([ports for ports, _ in shown], [(self.port, self.port)] * 3)
         self.assertEqual([packet.data for _, packet in shown], [SMALL[1].data] * 3)
         self.assertEqual([packet.flags for _, packet in shown], [0, 0x0100, 0x0100])
+
+    def test_are_copies_for_each_connection_of_a_broadcast(self):
+        node, self.port = support.start_on_port(lambda port: ["demo-node", "--listen", port, "--pcap", self.path], "stdout",
+                                                '"ready"', stdin=subprocess.PIPE)
+        self.enterContext(node)
+        connections = [self.connect(), self.connect()]
+        node.wait_for_count("stdout", '"connected"', len(connections))
+        node.process.stdin.write(b'{"do":"stream","to_all_accepted":true,"stream":4,"count":3,"size":20}\n')
+        node.process.stdin.flush()
+        arrived = {connection.own_port: [connection.receive() for _ in range(3)] for connection in connections}
+        node.process.stdin.write(b'{"do":"stop"}\n')
+        self.assertEqual(node.finish()[0], 0)
+        shown = self.shown()
+        self.assertEqual(len(shown), 3 * len(connections))
+        for port, packets in arrived.items():
+            self.assertEqual([(packet.data, packet.sequence) for ports, packet in shown if ports == (self.port, port)],
+                             [(packet.data, packet.sequence) for packet in packets])
 
     def test_tell_two_connections_with_the_same_ends_apart(self):
         center = self.start()
