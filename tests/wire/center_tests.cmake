@@ -69,3 +69,7 @@ if(NOT INET_RELAY_SANITIZE)
   set_property(TEST wire.center_account_threads APPEND PROPERTY
     ENVIRONMENT "ENDED_THREAD_LIBRARY=$<TARGET_FILE:ended_thread>")
 endif()
+
+# What takes long begins first, so that nothing waits for it in the end.
+set_tests_properties(wire.hostile_answer PROPERTIES COST 80)
+set_tests_properties(wire.center_demo_with_networks PROPERTIES COST 30)
