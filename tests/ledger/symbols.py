@@ -10,7 +10,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-NODES = {"public": "INET_RELAY_1", "engine": "INET_RELAY_PRIVATE", "shared": "INET_RELAY_PRIVATE"}
+NODES = {"public": "INET_RELAY_1", "reached": "INET_RELAY_1", "engine": "INET_RELAY_PRIVATE", "shared": "INET_RELAY_PRIVATE"}
 RUNTIME_VERSIONS = ("GLIBCXX_", "CXXABI_", "GCC_")
 SECTION = re.compile(r"^\[(?P<kind>\w+)(?: (?P<source>\w+))?\]$")
 
@@ -89,7 +89,7 @@ def check_needed(ledger, library):
 
 def print_shared(ledger, objects):
     for source, found in objects.items():
-        fixed = ledger.get(("public", source), set()) | ledger.get(("engine", source), set())
+        fixed = set().union(*(ledger.get((kind, source), set()) for kind in NODES if kind != "shared"))
         if shared := sorted(found - fixed):
             print(f"[shared {source}]", *shared, sep="\n", end="\n\n")
 

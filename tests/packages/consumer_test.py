@@ -6,6 +6,7 @@ Usage: consumer_test.py SOURCE BUILD COMPILER [UNITTEST ARGUMENT...]
 """
 
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -64,6 +65,8 @@ class Consumer(unittest.TestCase):
     def test_cmake_package(self):
         build = self.build(self.consumer())
         self.assertEqual(self.run_in_scratch(build / "messenger"), "arrived\n")
+        # Who uses the header's operations works with a later version of the library too.
+        self.assertEqual(set(re.findall(r"@(INET_RELAY_\w+)", run("nm", "-D", build / "messenger"))), {"INET_RELAY_1"})
         linked = sorted(build.glob("lifecycle_*"))
         self.assertIn("lifecycle_bfd", [program.name for program in linked])
         for program in linked:
