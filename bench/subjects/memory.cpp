@@ -2,6 +2,9 @@
 #include "bench/subjects/subjects.hpp"
 #include "bench/support/clock.hpp"
 
+#include <algorithm>
+#include <array>
+
 namespace relay_bench {
 namespace {
 
@@ -17,6 +20,20 @@ both_ends measure(stage& on) {
 
 std::int64_t grown(std::uint64_t process_usage::*what, process_usage const& before, process_usage const& after) {
     return static_cast<std::int64_t>(after.*what) - static_cast<std::int64_t>(before.*what);
+}
+
+/// How often the heap is looked at while packets pass.
+constexpr std::size_t c_points = 10;
+
+/// Pools fill and empty with the traffic, so two looks differ. What is never given back lifts the heap for good: its
+/// lowest point in the later half then lies above its highest in the earlier one. By how much; below 0: it does not.
+std::int64_t lasting_growth(std::array<both_ends, c_points> const& points, process_usage both_ends::*end) {
+    auto const by_heap = [end](both_ends const& one, both_ends const& other) {
+        return (one.*end).heap_bytes < (other.*end).heap_bytes;
+    };
+    auto const half = points.begin() + c_points / 2;
+    return grown(&process_usage::heap_bytes, (*std::max_element(points.begin(), half, by_heap)).*end,
+                 (*std::min_element(half, points.end(), by_heap)).*end);
 }
 
 /// Packets over one connection, so many at a time that what waits for somebody is soon as much as it ever gets.
@@ -68,15 +85,16 @@ outcome run_memory(run_plan const& wanted) {
     both_ends const before = measure(on);
     on.connect(port, wanted.connections);
     both_ends const connected = measure(on);
-    // As deep as the pools get at times; what grows after that would go on growing.
     packets.run(plan.warm_up, plan.count / 10);
-    both_ends const warm = measure(on);
     interval measured(on.far_id());
     std::uint64_t const sent_before = packets.sent();
+    std::array<both_ends, c_points> points;
     measured.begin();
-    packets.run(plan.seconds, plan.count);
+    for (both_ends& point : points) {
+        packets.run(plan.seconds / c_points, plan.count / c_points);
+        point = measure(on);
+    }
     measured.finish();
-    both_ends const after = measure(on);
 
     outcome result{{}, on.end().delivers_on()};
     measured.write(result.values, packets.sent() - sent_before);
@@ -87,8 +105,8 @@ outcome run_memory(run_plan const& wanted) {
     result.values["heap_far_bytes_per_connection"] = each(&process_usage::heap_bytes, &both_ends::far_end);
     result.values["resident_near_bytes_per_connection"] = each(&process_usage::resident_bytes, &both_ends::near_end);
     result.values["resident_far_bytes_per_connection"] = each(&process_usage::resident_bytes, &both_ends::far_end);
-    result.values["growth_near_bytes"] = grown(&process_usage::heap_bytes, warm.near_end, after.near_end);
-    result.values["growth_far_bytes"] = grown(&process_usage::heap_bytes, warm.far_end, after.far_end);
+    result.values["growth_near_bytes"] = lasting_growth(points, &both_ends::near_end);
+    result.values["growth_far_bytes"] = lasting_growth(points, &both_ends::far_end);
     return result;
 }
 
