@@ -126,6 +126,7 @@ bool connection_observer::withdraw(struct_node_addr destination) {
     if (--known[destination].count != 0) {
         return false;
     }
+    attempts.erase(known[destination].attempt);
     known.erase(destination);
     return true;
 }
@@ -174,6 +175,9 @@ void connection_observer::begin_attempt() {
     if (entry == known.end()) {
         return;
     }
+    attempts.erase(entry->second.attempt);
+    entry->second.attempt = ++last_attempt;
+    attempts.emplace(last_attempt, entry->first);
     entry->second.is_under_way = true;
     entry->second.is_connected = false;
     entry->second.is_established = false;
@@ -181,21 +185,27 @@ void connection_observer::begin_attempt() {
     entry->second.since = steady_clock::now();
 }
 
-/// Of the attempts under way to that address, the one whose socket shows it. The relay's timer ends attempts in the order
-/// of their destinations: whoever looks behind the last one need not look at those before it again.
+/// Of the attempts under way to that address, the one whose socket shows it. The kernel tells of attempts in the order in
+/// which they began: whoever looks behind the last one need not look at those before it again. When no socket shows it,
+/// the one whose socket is gone.
 connection_observer::destinations::iterator connection_observer::find_failed(std::uint32_t ip) {
-    auto const failed = find_after(known, last_failed, [ip](destinations::value_type const& entry) {
-        auto const& [address, tried] = entry;
-        if (address.ip != ip || !tried.is_under_way) {
+    auto gone = known.end();
+    auto const has_failed = [&](auto const& begun) {
+        auto const entry = known.find(begun.second);
+        if (begun.second.ip != ip || entry == known.end() || !entry->second.is_under_way) {
             return false;
         }
-        auto const info = read_tcp_info(tried.descriptor);
+        int const descriptor = entry->second.descriptor;
+        auto const info = read_tcp_info(descriptor);
+        gone = info || descriptor == -1 ? gone : entry;
         return info && info->tcpi_state != TCP_SYN_SENT && info->tcpi_state != TCP_ESTABLISHED;
-    });
-    if (failed != known.end()) {
-        last_failed = failed->first;
+    };
+    auto const failed = find_after(attempts, last_failed, has_failed);
+    if (failed == attempts.end()) {
+        return gone;
     }
-    return failed;
+    last_failed = failed->first;
+    return known.find(failed->second);
 }
 
 void connection_observer::end_attempt(destinations::iterator failed, close_reason reason, std::string detail) {

@@ -96,6 +96,7 @@ private:
         bool is_established = false;
         bool is_under_way = false;
         bool is_connected = false; ///< of the attempt under way: its socket
+        std::uint64_t attempt = 0; ///< the number of the last one
         int descriptor = -1;       ///< of the attempt under way
         moment since{};            ///< of the attempt under way
     };
@@ -123,7 +124,9 @@ private:
     mutable std::mutex lock; ///< guards what follows
     destinations known;
     struct_node_addr last_retried;
-    struct_node_addr last_failed;
+    std::map<std::uint64_t, struct_node_addr> attempts; ///< the last one of each destination, as they began
+    std::uint64_t last_attempt = 0;
+    std::uint64_t last_failed = 0;
     sockets open;
     std::map<int, peer> by_descriptor;
     std::vector<int> candidates; ///< descriptors that may be listening

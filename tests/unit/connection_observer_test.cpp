@@ -266,6 +266,36 @@ TEST_F(observed, attempts_that_go_on_are_not_looked_at_again_for_each_one_that_f
     EXPECT_LE(g_looks, 2 * c_attempts);
 }
 
+TEST_F(observed, attempts_that_have_failed_at_one_address_end_in_the_order_in_which_they_began) {
+    socket_holder first;
+    socket_holder second;
+    for (auto const& [socket, to] : {std::pair{&first, std::uint16_t{1001}}, std::pair{&second, std::uint16_t{1000}}}) {
+        connection_observer::adding const adds(observer, at(to));
+        begin_attempt();
+        Tesk::Utility::fflag_on(socket->fd, O_NONBLOCK);
+        socket->connect(read_local_port(unused.fd));
+    }
+    trace("tcp init failed %s");
+    EXPECT_EQ(ports_of_closed(), std::vector<std::uint16_t>{1001});
+    EXPECT_EQ(take_socket_error(second.fd), ECONNREFUSED); // which the relay has not looked at
+    first.close();
+    trace("tcp init failed %s");
+    EXPECT_EQ(ports_of_closed(), (std::vector<std::uint16_t>{1000, 1001}));
+}
+
+TEST_F(observed, attempt_whose_socket_is_gone_has_ended) {
+    socket_holder trying;
+    {
+        connection_observer::adding const adds(observer, at(1000));
+        begin_attempt();
+        Tesk::Utility::fflag_on(trying.fd, O_NONBLOCK);
+    }
+    trying.close();
+    trace("tcp init failed %s");
+    ASSERT_EQ(ports_of_closed(), std::vector<std::uint16_t>{1000});
+    EXPECT_FALSE(observer.find_attempt(at(1000)));
+}
+
 TEST_F(observed, ends_have_the_reason_that_their_socket_shows) {
     socket_holder closing;
     socket_holder(establish(closing)).close();
