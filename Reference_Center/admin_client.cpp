@@ -65,6 +65,10 @@ private:
             wait_for(POLLIN);
             ssize_t const count = ::recv(socket, piece, sizeof piece, 0);
             require(count >= 0);
+            if (count == 0 && answer.empty()) {
+                errno = ECONNRESET; // as a Center that ends just then
+                require(false);
+            }
             if (count == 0 || answer.size() > c_longest_answer) {
                 return answer;
             }

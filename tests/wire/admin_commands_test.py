@@ -86,11 +86,15 @@ class Unanswered(Command):
 class Foreign(Command):
     def test_answers_are_told_apart(self):
         page = b"HTTP/1.1 200 OK\r\nContent-Type: text/html\r\n\r\n<html></html>"
-        shapes = [{}, {STATUS: page}, {STATUS: b"220 mail"}, {STATUS: b""}, {STATUS: good([1]), PEERS: good({"peers": []})},
+        shapes = [{}, {STATUS: page}, {STATUS: b"220 mail"}, {STATUS: good([1]), PEERS: good({"peers": []})},
                   {STATUS: good({"pid": 1}), PEERS: good([])}]
         for answers in shapes:
             with self.subTest(answers=answers), Answering(answers) as other:
                 self.expect_failures("status", other.admin, 1, f"what answers at {other.admin} is no Center")
+
+    def test_end_without_an_answer_is_none(self):
+        with Answering({STATUS: b""}) as other:
+            self.expect_failures("status", other.admin, 5, f"no Center answers at {other.admin}: Connection reset by peer")
 
     def test_figures_are_missed(self):
         with Answering({STATUS: good({"pid": 1, "healthy": True}), PEERS: good({"peers": []})}) as other:
