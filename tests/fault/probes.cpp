@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::uint32_t c_stream_sequence = 7001;
 constexpr std::uint32_t c_datagram_sequence = 7002;
-constexpr int c_patience = 2000; ///< milliseconds
+constexpr int c_patience = 20000; ///< milliseconds
 constexpr int c_soon = 20;
 constexpr int c_one_look = 1;
 constexpr int c_nudges = 8; ///< one accept, one datagram per event: those who wait already are taken first

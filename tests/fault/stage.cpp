@@ -15,7 +15,7 @@
 namespace relay_test {
 namespace {
 
-constexpr int c_patience = 2000;   ///< milliseconds that a step which must succeed may take
+constexpr int c_patience = 20000;  ///< milliseconds that a step which must succeed may take
 constexpr int c_endless = 100'000; ///< rounds that no test needs
 
 sockaddr_in loopback_address(std::uint16_t port) {

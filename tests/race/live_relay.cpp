@@ -42,7 +42,7 @@ bytes init_block() {
 } // namespace
 
 bool eventually(std::function<bool()> const& holds) {
-    auto const deadline = std::chrono::steady_clock::now() + 10s;
+    auto const deadline = std::chrono::steady_clock::now() + 30s;
     for (int tries = 0; !holds(); ++tries) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;

@@ -19,7 +19,7 @@ inline constexpr unsigned long c_past_time_out = 8001; ///< lemon_clock ticks
 
 enum class side { accepted, outgoing };
 
-/// True as soon as the condition holds; false when it does not within ten seconds.
+/// True as soon as the condition holds; false when it does not within half a minute.
 bool eventually(std::function<bool()> const& holds);
 
 /// What the Center has heard since the last reset.

@@ -18,6 +18,7 @@ constexpr std::size_t c_small = 16 << 10; // bytes of data
 constexpr std::size_t c_large = 4 << 20;
 constexpr int c_rounds = 5;
 constexpr int c_attempts = 4;
+constexpr std::chrono::seconds c_promptly{10}; // also on a busy machine; who waits for the peer waits for ever
 
 class slow_peer : public live_relay {
 protected:
@@ -53,7 +54,7 @@ private:
         }
         std::vector<unsigned char> space(1 << 20);
         while (std::any_of(missing.begin(), missing.end(), [](std::size_t bytes) { return bytes != 0; })) {
-            ASSERT_GT(::poll(watched.data(), watched.size(), 10000), 0) << "the readers get nothing any more";
+            ASSERT_GT(::poll(watched.data(), watched.size(), 30000), 0) << "the readers get nothing any more";
             for (std::size_t i = 0; i < watched.size(); ++i) {
                 ssize_t const got =
                     watched[i].revents == 0 ? 0 : ::recv(watched[i].fd, space.data(), space.size(), MSG_DONTWAIT);
@@ -90,11 +91,11 @@ TEST_F(slow_peer, slows_nobody_else) {
 
     auto const before_tick = clock_type::now();
     tick(EPoll::inet_timer);
-    EXPECT_LT(clock_type::now() - before_tick, std::chrono::seconds(1)) << "the next tick would be late";
+    EXPECT_LT(clock_type::now() - before_tick, c_promptly) << "the tick waits for the peer";
     queue(stuck, c_large);
     auto const before_stop = clock_type::now();
     INet_Relay::stop();
-    EXPECT_LT(clock_type::now() - before_stop, std::chrono::seconds(1));
+    EXPECT_LT(clock_type::now() - before_stop, c_promptly);
 }
 
 } // namespace

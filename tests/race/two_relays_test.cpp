@@ -124,7 +124,7 @@ void two_relays::check_stop(node_process& node) {
     auto const left = node.ask("stop").figures;
     EXPECT_EQ(left.at("left_records"), 0u);
     EXPECT_EQ(left.at("left_descriptors"), 0u);
-    EXPECT_LT(left.at("stopped_ms"), 1000u);
+    EXPECT_LT(left.at("stopped_ms"), 10000u); // also on a busy machine
     EXPECT_EQ(node.finish(), 0);
 }
 

@@ -16,7 +16,7 @@
 namespace relay_test {
 namespace {
 
-constexpr int c_limit_ms = 10000;
+constexpr int c_limit_ms = 30000;
 
 sockaddr_in loopback_address(std::uint16_t port) {
     sockaddr_in address{};

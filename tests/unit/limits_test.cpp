@@ -240,8 +240,8 @@ TEST_P(limits_of_either_side, a_write_to_a_peer_that_does_not_read_waits_a_few_m
         auto const before = clock_type::now();
         ssize_t const taken = __real_send(own.get(), large.data(), large.size(), 0);
         seconds const waited = clock_type::now() - before;
-        ASSERT_LT(waited, 1s);
-        if (taken == -1) { // else there was room, which grows at first
+        ASSERT_LT(waited, 10s); // also on a busy machine
+        if (taken == -1) {      // else there was room, which grows at first
             ASSERT_EQ(errno, EAGAIN);
             waits.push_back(waited);
         }

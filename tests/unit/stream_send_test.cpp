@@ -5,7 +5,9 @@
 
 #include <cerrno>
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 
 namespace {
 
@@ -667,6 +669,28 @@ protected:
         }
     }
 
+    /// Bytes of the socket that the request counts.
+    int count_bytes(unsigned long request) const {
+        int count = 0;
+        EXPECT_EQ(::ioctl(rec->fd, request, &count), 0);
+        return count;
+    }
+
+    /// Writes until the peer has no room and nothing is on its way to it any more.
+    void write_until_stuck() {
+        auto const is_stuck = [this] {
+            int const waiting = count_bytes(SIOCOUTQNSD);
+            return waiting > 0 && waiting == count_bytes(SIOCOUTQ);
+        };
+        int looks = 0;
+        do {
+            serve_writes();
+            ::poll(nullptr, 0, 1);
+        } while (!is_stuck() && ++looks < 10000);
+        EXPECT_TRUE(is_stuck());
+        serve_writes();
+    }
+
     /// What has arrived and not been read.
     bytes read_now() {
         bytes part(65536);
@@ -680,7 +704,7 @@ INSTANTIATE_TEST_SUITE_P(sides, stream_slow_peer, each_side(), name_of_row<strea
 
 TEST_P(stream_slow_peer, holds_up_no_thread_and_no_other_connection) {
     hand_over_named("large", {.data = bytes(1 << 18)});
-    serve_writes();
+    write_until_stuck();
     EXPECT_GT(rec->send_remain, 0U);
     EXPECT_TRUE(rec->sending);
     EXPECT_TRUE(rec->send_armed);
