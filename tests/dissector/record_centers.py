@@ -5,8 +5,10 @@ Usage, as root of a fresh network namespace: record_centers.py PROGRAM FOLDER. L
 
 import json
 import os
+import re
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import threading
@@ -20,8 +22,10 @@ PORT, DATAGRAM_PORT = 7000, 7001
 LINES = [f"line {number}\n".encode() for number in range(20)]
 FILE = bytes(number * 7 & 255 for number in range(300000))
 CALLS = 5
-# Long enough for heartbeats, which go out with the ticks of a second.
-PERIOD = 2.5
+# A heartbeat, which has no data, behind a TCP header with the port in the place of the sender's or the receiver's.
+BEAT = re.escape(support.make_packet(kind=support.HEARTBEAT)[:9])
+BEATS = [re.compile(ends + b".{28}" + BEAT, re.DOTALL)
+         for ends in (re.escape(struct.pack(">H", PORT)) + b"..", b".." + re.escape(struct.pack(">H", PORT)))]
 
 
 class Recording:
@@ -35,6 +39,10 @@ class Recording:
             if line.startswith("File:"):
                 return
         raise RuntimeError("dumpcap does not record")
+
+    def wait_for_beats(self):
+        """From and to the Center that serves."""
+        support.wait_until(self.path.read_bytes, lambda seen: all(beat.search(seen) for beat in BEATS))
 
     def end(self):
         mark, deadline = os.urandom(16), time.monotonic() + support.DEADLINE
@@ -54,7 +62,7 @@ def run(*arguments, **options):
         raise RuntimeError(f"{arguments} ended with {result.returncode}: {result.stderr.decode()}")
 
 
-def talk():
+def talk(recording):
     """Peers come to one Center one after the other; what it says in the end."""
     with support.Running("run", "--listen", PORT, "--echo", "--json") as center:
         center.wait_for("stdout", "ready")
@@ -62,7 +70,11 @@ def talk():
         run("send", "--to", here, "--lines", *support.WAITING, input=b"".join(LINES))
         run("send", "--to", here, *support.WAITING, input=FILE)
         run("ping", "--to", here, "--count", CALLS, *support.CALLING)
-        run("run", "--connect", here, "--seconds", PERIOD)
+        with support.Running("run", "--connect", here) as peer:
+            peer.wait_for("stderr", " connected ")
+            recording.wait_for_beats()
+            peer.signal(signal.SIGTERM)
+            peer.finish()
         run("send", "--udp", "--to", f"127.0.0.9:{DATAGRAM_PORT}", "--lines", input=b"".join(LINES))
         center.signal(signal.SIGTERM)
         code, out, err = center.finish()
@@ -75,7 +87,7 @@ def main():
     support.PROGRAM, folder = sys.argv[1], Path(sys.argv[2])
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
     recording = Recording(folder / "capture.pcap")
-    said = talk()
+    said = talk(recording)
     recording.end()
     (folder / "said.json").write_text(json.dumps(said), encoding="utf-8")
 

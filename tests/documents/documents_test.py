@@ -25,7 +25,7 @@ NOT_RUN = re.compile(r"# (?:as root|with a service manager): \S.*\n")
 WORKSHOP = re.compile(r"\./dev (?P<command>\w+)")
 SOURCES = ("examples", "Host", "Reference_Host", "Center/INet_Relay/EPoll/inet_relay_epoll.hpp")
 SETTLED = "@settled@"
-PATIENCE = 30
+PATIENCE = support.DEADLINE
 READY = re.compile(r"^(?:\S+ info )?ready\b", re.MULTILINE)
 
 

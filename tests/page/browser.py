@@ -37,6 +37,20 @@ def wait_for(what, condition, deadline=DEADLINE):
         threading.Event().wait(0.02)
 
 
+class Pace:
+    """How long the page takes to show something new, measured on a figure just before it matters: within the time that is
+    promised, or within three times what this machine takes for a figure when it is too busy for the promise."""
+
+    def __init__(self, promise, show_figure):
+        began = time.monotonic()
+        show_figure()
+        self.longest = max(promise, 3 * (time.monotonic() - began))
+        self.began = time.monotonic()
+
+    def is_kept(self):
+        return time.monotonic() - self.began < self.longest
+
+
 def is_here():
     return shutil.which("chromium") is not None and shutil.which("chromedriver") is not None
 

@@ -8,7 +8,7 @@ import time
 import unittest
 
 import fake_center
-from browser import Browser, is_here, wait_for
+from browser import Browser, Pace, is_here, wait_for
 from fake_center import FakeCenter, closed, latency, peer, rates, traffic
 
 RED_WITHIN = 2
@@ -131,6 +131,13 @@ class Page(unittest.TestCase):
         browser.open("about:blank")
         self.assertEqual(messages, [])
 
+    def show_figure(self):
+        """A new figure, and waits until the page shows it."""
+        status = fake_center.status()
+        status["inbox"]["taken"] = self.center.answers["status"]["inbox"]["taken"] + 1
+        self.center.change(status=status)
+        wait_for("the new figure", lambda: browser.text("[data-key='status.inbox.taken']") == f"{status['inbox']['taken']:,}")
+
     def open(self):
         browser.open(self.center.address)
         wait_for("the page shows the Center's figures", lambda: browser.text("[data-key='status.pid']") == "4711")
@@ -162,6 +169,18 @@ class Figures(Page):
         wait_for("the new figure", lambda: browser.text("[data-key='status.inbox.taken']") == "9,999,999")
         self.assertEqual(browser.text("[data-key='status.queue.max_bytes']"), "none")
         self.assertEqual(browser.text("[data-key='status.latency_us.p99']"), "–")
+
+    def test_are_asked_for_four_times_within_the_time_for_red(self):
+        self.open()
+        browser.run("""
+            const start = setTimeout;
+            window.pauses = [];
+            window.setTimeout = (what, pause, ...more) => {
+                window.pauses.push(pause);
+                return start(what, pause, ...more);
+            };""")
+        wait_for("two more looks", lambda: browser.run("return window.pauses.length") >= 2)
+        self.assertLessEqual(max(browser.run("return window.pauses")), RED_WITHIN * 1000 / 4)
 
     def test_trouble_is_told(self):
         self.open()
@@ -241,10 +260,10 @@ class Peers(Page):
         self.center.show_peers([peer("10.0.0.2:40000"), *stays])
         self.open()
         self.assertFalse(is_red(wait_for("the peer is drawn", lambda: node("10.0.0.2:40000"))["fill"]))
-        began = time.monotonic()
+        pace = Pace(RED_WITHIN, self.show_figure)
         self.center.change(closed={"closed": [closed("10.0.0.2:40000", "reset")]}, peers={"peers": stays})
         drawn = wait_for("the peer is red", lambda: (found := node("10.0.0.2:40000")) and is_red(found["fill"]) and found)
-        self.assertLess(time.monotonic() - began, RED_WITHIN)
+        self.assertTrue(pace.is_kept(), pace.longest)
         self.assertIn("gone", drawn["names"])
         self.assertEqual(drawn["opacity"], 1)
         self.assertEqual(cells("accepted 10.0.0.2:40000")["state"], "gone: reset")
@@ -306,10 +325,10 @@ class Peers(Page):
                                                              f"{amount - amount // 4} opened by peers"])
             self.assertEqual(browser.text("#peers .amount"), f"{amount:,}")
             self.assertEqual(overflow(), [0, []])
-        began = time.monotonic()
+        pace = Pace(RED_WITHIN, self.show_figure)
         self.center.show_peers(many[:500] + many[501:])
         wait_for("one of a thousand is red", lambda: is_red(node(many[500]["address"])["fill"]))
-        self.assertLess(time.monotonic() - began, RED_WITHIN)
+        self.assertTrue(pace.is_kept(), pace.longest)
         self.assertEqual(browser.text("#troubled"), many[500]["address"])
         self.assertEqual(column("address")[0], many[500]["address"])
 
@@ -453,16 +472,16 @@ class Absence(Page):
         wait_for("the peer", lambda: node("10.0.0.2:40000"))
         port = self.center.server_port
         browser.run("scrollTo(0, document.body.scrollHeight)")
-        began = time.monotonic()
+        pace = Pace(RED_WITHIN, self.show_figure)
         self.center.stop()
         wait_for("the page says so", lambda: not self.hidden("#absent"))
-        self.assertLess(time.monotonic() - began, RED_WITHIN)
+        self.assertTrue(pace.is_kept(), pace.longest)
         self.assertRegex(browser.text("#absent"), r"^No answer from the Center since \d\d:\d\d:\d\d\. ")
         self.assertEqual(browser.text("#health"), "no answer")
         self.assertTrue(browser.run("const place = document.querySelector('#absent').getBoundingClientRect();"
                                     "return place.top >= 0 && place.bottom <= innerHeight"))
         self.center = self.enterContext(FakeCenter(port))
-        wait_for("the page is back", lambda: self.hidden("#absent"), RED_WITHIN)
+        wait_for("the page is back", lambda: self.hidden("#absent"))
         self.assertEqual((browser.text("#health"), browser.text("#notice")), ("ready", "The Center answers again."))
         wait_for("the peer of old is red", lambda: "gone" in node("10.0.0.2:40000")["names"])
 
@@ -479,8 +498,8 @@ class Absence(Page):
     def test_a_center_that_is_stuck(self):
         self.open()
         with self.center.lock:
-            wait_for("the page says so", lambda: not self.hidden("#absent"), 5)
-        wait_for("the page is back", lambda: self.hidden("#absent"), RED_WITHIN)
+            wait_for("the page says so", lambda: not self.hidden("#absent"))
+        wait_for("the page is back", lambda: self.hidden("#absent"))
 
     def test_a_center_that_was_never_there(self):
         self.center.change(status={})
