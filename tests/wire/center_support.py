@@ -15,6 +15,7 @@ import sys
 import tempfile
 import time
 import unittest
+from pathlib import Path
 
 PROGRAM = ""
 # A thread sanitizer has a thread of its own, and a process with two threads cannot take a user namespace.
@@ -35,13 +36,27 @@ DATA, CALL, CALL_ACKNOWLEDGEMENT, HEARTBEAT, INFORMATION_UDP = 0, 1, 3, 5, 8
 MULTICAST = 2
 
 
+@contextlib.contextmanager
+def sanitizer_reports():
+    """A list that has what the sanitizers found, afterwards: also of programs that were killed, or were to fail anyway."""
+    reports = []
+    with tempfile.TemporaryDirectory() as folder:
+        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
+            os.environ[name] = ":".join(filter(None, (os.environ.get(name), f"log_path={folder}/report")))
+        yield reports
+        reports.extend(path.read_text(errors="replace") for path in sorted(Path(folder).iterdir()))
+
+
 def main():
     """Entry of each test file: FILE PROGRAM [UNITTEST ARGUMENT...]. Ends with 77 when every test was skipped."""
     global PROGRAM
     PROGRAM = sys.argv.pop(1)
     # The relay looks for ../Config/zolt.ini: from here there is none.
     os.chdir("/")
-    result = unittest.main(module="__main__", exit=False).result
+    with sanitizer_reports() as reports:
+        result = unittest.main(module="__main__", exit=False).result
+    if reports:
+        sys.exit("\n".join(reports))
     if result.wasSuccessful() and result.testsRun == len(result.skipped):
         sys.exit(SKIPPED)
     sys.exit(0 if result.wasSuccessful() else 1)
