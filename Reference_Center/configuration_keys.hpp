@@ -18,8 +18,8 @@ enum class key_kind { on_off, number };
 
 struct configuration_key {
     std::string_view name;
-    key_kind kind;
     std::string_view fallback; ///< the value without the key: "yes", "no" or a number
+    key_kind kind;
     bool has_effect;
     std::string_view effect;     ///< of a number, or of a switch that is on
     std::string_view effect_off; ///< of a switch that is off

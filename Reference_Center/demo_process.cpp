@@ -37,7 +37,7 @@ channel open_channel() {
     ::setpgid(0, 0);
     sigset_t none;
     ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
     ::dup2(in.reading, STDIN_FILENO);
     ::dup2(out.writing, STDOUT_FILENO);
     ::dup2(err.writing, STDERR_FILENO);
@@ -79,6 +79,7 @@ node_process::node_process(node_start const& start) {
     std::vector<std::string> words_of{"zolt-center", start.command};
     words_of.insert(words_of.end(), start.arguments.begin(), start.arguments.end());
     std::vector<char*> arguments;
+    arguments.reserve(words_of.size() + 1);
     for (std::string& word : words_of) {
         arguments.push_back(word.data());
     }

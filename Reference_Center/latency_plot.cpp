@@ -71,8 +71,9 @@ public:
     explicit latency_picture(latency_histogram const& shown)
         : latencies(shown),
           nines(std::clamp(std::log10(static_cast<double>(shown.count())), c_fewest_nines, c_most_nines)),
-          lowest(std::floor(std::log10(std::max<double>(static_cast<double>(shown.least()), 1)))),
-          highest(std::max(std::ceil(std::log10(static_cast<double>(shown.most()) + 1)), lowest + 1)) {}
+          lowest(static_cast<int>(std::log10(std::max<double>(static_cast<double>(shown.least()), 1)))),
+          highest(
+              std::max(static_cast<int>(std::ceil(std::log10(static_cast<double>(shown.most()) + 1))), lowest + 1)) {}
 
     std::string draw() const { return time_axis() + share_axis() + curve() + dots(); }
 
@@ -86,7 +87,7 @@ private:
 
     std::string time_axis() const {
         std::string text;
-        for (double decade = lowest; decade <= highest; ++decade) {
+        for (int decade = lowest; decade <= highest; ++decade) {
             for (double const part : {1, 2, 5}) {
                 double const time = part * std::pow(10, decade);
                 if (time > std::pow(10, highest)) {
@@ -121,7 +122,8 @@ private:
 
     std::string curve() const {
         std::string points;
-        for (double place = 0; place < nines; place += c_step) {
+        for (int step = 0; step < nines / c_step; ++step) {
+            double const place = step * c_step;
             points += fmt::format("{:.1f},{:.1f} ", across(place), up(time_at(1 - std::pow(10, -place))));
         }
         points += fmt::format("{:.1f},{:.1f}", across(nines), up(time_at(1 - std::pow(10, -nines))));
@@ -145,9 +147,9 @@ private:
     }
 
     latency_histogram const& latencies;
-    double const nines;   ///< where the axis of shares ends
-    double const lowest;  ///< where the axis of times begins, as a power of ten of nanoseconds
-    double const highest; ///< and ends
+    double const nines; ///< where the axis of shares ends
+    int const lowest;   ///< where the axis of times begins, as a power of ten of nanoseconds
+    int const highest;  ///< and ends
 };
 
 } // namespace

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
-#include <regex>
 #include <tuple>
 #include <utility>
 
@@ -16,6 +15,19 @@ namespace {
 constexpr std::size_t c_least_letters = 8;
 constexpr std::string_view c_number_signs = "0123456789.-%dsx";
 constexpr std::string_view c_number_names[] = {"number", "errno", "port", "line", "size", "count", "clock"};
+/// What a log or the program puts in front of a line, one after another, and behind it.
+constexpr std::string_view c_fronts[] = {"{clock}:{clock}:{clock} ",
+                                         "trace ",
+                                         "debug ",
+                                         "info ",
+                                         "warning ",
+                                         "error ",
+                                         "critical ",
+                                         "relay: ",
+                                         "zolt-center: ",
+                                         "[zolt error] ",
+                                         "center/inet_relay/epoll/{file}:{line} {letter} "};
+constexpr std::string_view c_back = " (held back {count} times)";
 
 /// Letters small, each run of blanks one blank, none at the ends.
 std::string normalize(std::string_view text) {
@@ -34,17 +46,6 @@ std::string normalize(std::string_view text) {
     return plain;
 }
 
-/// Takes off what a log or the program puts around a line.
-std::string strip(std::string line) {
-    static std::regex const front("^(\\d\\d:\\d\\d:\\d\\d\\.\\d+ |(trace|debug|info|warning|error|critical) |relay: |"
-                                  "zolt-center: |\\[zolt error\\] |center/inet_relay/epoll/\\w+:\\d+ [a-z] )");
-    static std::regex const back(" \\(held back \\d+ times\\)$");
-    for (std::smatch found; std::regex_search(line, found, front);) {
-        line = found.suffix();
-    }
-    return std::regex_replace(line, back, "");
-}
-
 // --- texts with gaps -------------------------------------------------------------------------------------------
 
 struct piece {
@@ -53,15 +54,16 @@ struct piece {
     bool is_number = false;
 };
 
-std::vector<piece> cut(std::string const& text) {
+std::vector<piece> cut(std::string_view text) {
     std::vector<piece> pieces;
     for (std::size_t start = 0; start < text.size();) {
         bool const is_gap = text[start] == '{';
         std::size_t const end = std::min(is_gap ? text.find('}', start) : text.find('{', start), text.size());
-        std::string const part = is_gap ? text.substr(start + 1, end - start - 1) : text.substr(start, end - start);
+        std::string_view const part =
+            is_gap ? text.substr(start + 1, end - start - 1) : text.substr(start, end - start);
         bool const is_number =
             is_gap && std::find(std::begin(c_number_names), std::end(c_number_names), part) != std::end(c_number_names);
-        pieces.push_back({part, is_gap, is_number});
+        pieces.push_back({std::string(part), is_gap, is_number});
         start = is_gap ? end + 1 : end;
     }
     return pieces;
@@ -122,6 +124,38 @@ private:
     std::string_view line;
     gap_values gaps;
 };
+
+/// How much of a line, from its front, a text with gaps takes; nothing when it does not fit.
+std::optional<std::size_t> fitting_length(std::string_view text, std::string_view line) {
+    std::vector<piece> const pieces = cut(text);
+    return fitting(pieces, line).run();
+}
+
+/// Without one of the texts in front, if there is one.
+std::string_view without_front(std::string_view line) {
+    for (std::string_view const front : c_fronts) {
+        if (auto const length = fitting_length(front, line)) {
+            return line.substr(*length);
+        }
+    }
+    return line;
+}
+
+std::string_view without_back(std::string_view line) {
+    std::size_t const back = line.rfind(c_back.substr(0, c_back.find('{')));
+    bool const is_there =
+        back != std::string_view::npos && fitting_length(c_back, line.substr(back)) == line.size() - back;
+    return line.substr(0, is_there ? back : line.size());
+}
+
+/// A line without what a log or the program puts around it.
+std::string strip(std::string_view whole) {
+    std::string_view line = without_back(whole);
+    for (std::string_view inner = without_front(line); inner.size() < line.size(); inner = without_front(line)) {
+        line = inner;
+    }
+    return std::string(line);
+}
 
 bool is_letter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || static_cast<unsigned char>(c) >= 0x80;
