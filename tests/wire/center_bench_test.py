@@ -15,7 +15,7 @@ import center_support as support
 SHORT = 0.2  # seconds; a busy machine gets more
 ECHO = 1 << 8
 STANDSTILL = 0.3  # of the time that a load takes
-LOST_PEER = "^([^\n]+ relay: recv client 에러\n)?$"
+LOST_PEER = "^([^\n]+ relay: recv client 에러\n[^\n]+ info the line above [^\n]+\n)?$"
 
 WRONG_USAGE = [
     (["bench"], "subcommand is required"),
