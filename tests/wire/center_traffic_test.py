@@ -27,7 +27,8 @@ def listening(*options):
 
 def running(*options):
     """A Center that is ready, and its port."""
-    return support.start_on_port(lambda port: ["run", "--listen", port, *support.patient(), *options], "stdout", "\n")
+    patience = () if "--config" in options else support.patient()
+    return support.start_on_port(lambda port: ["run", "--listen", port, *patience, *options], "stdout", "\n")
 
 
 class Traffic(unittest.TestCase):
