@@ -293,7 +293,8 @@ class Run(Traffic):
             file.write("[ZOLT]\nAUTO_DISCONNECT = off\nSERVER_LINGER_TIME = 5\n")
             file.flush()
             checked = json.loads(support.call("config", "check", file.name, "--json").stdout)["findings"]
-            center, _ = self.run_center("--config", file.name, "--admin", "none", "--seconds", 0.05)
+            center, _ = self.start(support.start_on_port(
+                lambda port: ["run", "--listen", port, "--config", file.name, "--admin", "none", "--seconds", 0.05], "stdout", "\n"))
             warnings = [line.partition(" warning ")[2] for line in self.expect_end(center)[1].splitlines() if " warning " in line]
         self.assertEqual([finding["code"] for finding in checked], ["switch-not-off", "key-no-effect"])
         self.assertEqual(warnings, [f"{file.name}:{told['line']}: {told['severity']} {told['code']}: {told['reason']}; {told['advice']}"
