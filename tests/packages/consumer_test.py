@@ -90,7 +90,7 @@ class Consumer(unittest.TestCase):
         (project / "CMakeLists.txt").write_text("cmake_minimum_required(VERSION 3.25)\nproject(newer LANGUAGES NONE)\n"
                                                 "find_package(INet_Relay 2 REQUIRED)\n", encoding="utf-8")
         with self.assertRaisesRegex(AssertionError, "version: 1\\."):
-            run("cmake", "-S", project, "-B", project / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}")
+            run("cmake", "-S", project, "-B", project / "build", "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={self.prefix}")
 
     def pkg_config(self, *arguments):
         paths = {"PKG_CONFIG_PATH": str(self.library_folder / "pkgconfig")}

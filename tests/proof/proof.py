@@ -9,6 +9,7 @@ it has to be; nothing in the table comes from anywhere else. A step that fails d
 to standard error, the table to OUTPUT and to standard output. Exit status: 0 when every row passed.
 """
 
+import contextlib
 import datetime
 import platform
 import re
@@ -26,7 +27,10 @@ PATIENCE = 20  # seconds that an interrupted command has for cleaning up
 
 
 def git(root, *arguments):
-    return subprocess.run(("git", *arguments), cwd=root, capture_output=True, text=True).stdout.strip()
+    """What git answers of the tree; nothing when it is not a clone, or there is no git."""
+    with contextlib.suppress(FileNotFoundError):
+        return subprocess.run(("git", *arguments), cwd=root, capture_output=True, text=True).stdout.strip()
+    return ""
 
 
 def heading(root, quick, seconds, ending):
@@ -40,7 +44,7 @@ def heading(root, quick, seconds, ending):
         "",
         f"- date: {datetime.datetime.now(datetime.timezone.utc):%Y-%m-%d %H:%M} UTC",
         f"- machine: {platform.machine()}, {CORES} cores, Linux {platform.release()}",
-        f"- commit: {git(root, 'rev-parse', '--short=12', 'HEAD')}{changed}",
+        f"- commit: {git(root, 'rev-parse', '--short=12', 'HEAD') or 'unknown'}{changed}",
         f"- the whole run: {seconds // 60:.0f} min {seconds % 60:.0f} s{ending}",
         "",
         "| what | figures of this run | seconds | |",

@@ -318,7 +318,10 @@ def show_on_terminal(*arguments, **environment):
         return program.process.wait(DEADLINE), shown.decode()
 
 
+def succeeds(*command):
+    return subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+
 def can_have_networks():
     """True when this user may make a user namespace with a network in it."""
-    return subprocess.run(["unshare", "--user", "--map-root-user", "--net", "true"], stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL, check=False).returncode == 0
+    return succeeds("unshare", "--user", "--map-root-user", "--net", "true")
