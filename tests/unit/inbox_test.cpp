@@ -59,6 +59,26 @@ TEST_F(inbox_of_four, takes_in_order) {
     EXPECT_EQ(box.count().taken, 2U);
 }
 
+TEST_F(inbox_of_four, counts_how_long_it_was_busy) {
+    for (char const* const data : {"a", "b", "c", "d"}) {
+        ASSERT_EQ(offer(data), c_offer_taken);
+    }
+    EXPECT_EQ(box.count_busy_time().count(), 0);
+    auto const begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(offer("e"), c_offer_busy);
+    while (box.count_busy_time() <= milliseconds(1)) {
+        ASSERT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+    }
+    take_all();
+    ASSERT_EQ(offer("e"), c_offer_taken);
+    auto const whole = box.count_busy_time();
+    EXPECT_GT(whole, milliseconds(1));
+    EXPECT_LE(whole, std::chrono::steady_clock::now() - begin);
+    take_all();
+    ASSERT_EQ(offer("f"), c_offer_taken);
+    EXPECT_EQ(box.count_busy_time(), whole);
+}
+
 TEST_F(inbox_of_four, is_busy_above_the_high_mark) {
     box.set_high_mark(2);
     EXPECT_EQ(offer("a"), 0);
