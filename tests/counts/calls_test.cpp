@@ -22,6 +22,7 @@
 #include <ostream>
 #include <string>
 
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,9 +41,11 @@ constexpr double c_memory_tolerance = 0.002;
 /// The caller arms while it holds the record's lock; the send thread, awake at once on the caller's core, gives the core
 /// back until the lock is free.
 constexpr double c_yields_for_each_arming = 1;
-/// A caller that meets the send thread in the middle of a write waits for its end: seldom, more often on a busy machine.
+/// A thread that loses the core inside a lock keeps it: who wants the lock gives the core back to it.
 constexpr double c_yields_in_a_stream = 0.2;
-constexpr double c_futex_in_a_stream = 0.1;
+/// When the kernel gives the core to somebody else first, the lock is slept for: two calls, none on a quiet machine and
+/// a quarter of a packet's locks beside a process that wants the whole core. One call more for each packet is seen.
+constexpr double c_futex_in_a_stream = 0.5;
 /// A Center that sleeps until a packet comes, and the receive thread that wakes it: one call each.
 constexpr double c_futex_of_a_sleeper = 2;
 /// The send queue takes a block for 64 packets and gives it back when they are through.
@@ -204,8 +207,29 @@ TEST_P(stream, makes_its_fixed_calls_and_no_others) {
     EXPECT_LE(counted.sum(), c_tolerance) << testing::PrintToString(counted);
 }
 
-// Other load, and which thread stands on which core, add to these, and nothing takes away: the best of some rounds.
-TEST_P(stream, waits_for_other_threads_no_more_than_known) {
+/// All threads of all nodes on one core. On two, a lock is found taken as often as the machine makes it: from no futex
+/// call a packet to one, in streams of the same program. On one core there are only those that the program itself makes.
+class stream_on_one_core : public stream {
+protected:
+    void SetUp() override {
+        ::cpu_set_t one{};
+        ASSERT_EQ(::sched_getaffinity(0, sizeof before, &before), 0);
+        for (int core = 0; core < CPU_SETSIZE && CPU_COUNT(&one) == 0; ++core) {
+            if (CPU_ISSET(core, &before)) {
+                CPU_SET(core, &one);
+            }
+        }
+        ASSERT_EQ(::sched_setaffinity(0, sizeof one, &one), 0);
+        stream::SetUp();
+    }
+    void TearDown() override { EXPECT_EQ(::sched_setaffinity(0, sizeof before, &before), 0); }
+
+private:
+    ::cpu_set_t before{};
+};
+
+// Other load adds to these, and nothing takes away: the best of some rounds.
+TEST_P(stream_on_one_core, waits_for_other_threads_no_more_than_known) {
     constexpr int c_rounds = 5;
     double const most_futex = c_futex_in_a_stream + (row.center == std::string("sleeping") ? c_futex_of_a_sleeper : 0);
     double most_yields = 0;
@@ -233,6 +257,8 @@ TEST_P(stream, takes_no_memory) {
 }
 
 INSTANTIATE_TEST_SUITE_P(counts, stream, testing::ValuesIn(c_rows), [](auto const& each) { return each.param.name; });
+INSTANTIATE_TEST_SUITE_P(counts, stream_on_one_core, testing::ValuesIn(c_rows),
+                         [](auto const& each) { return each.param.name; });
 
 /// True when a process can count its calls here. It cannot stop to: a child tries.
 bool can_count() {
