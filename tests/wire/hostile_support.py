@@ -244,9 +244,15 @@ class HostileTest(unittest.TestCase):
             answer = connection.receive()
         self.assertEqual((answer.kind, answer.sequence), (hand_peer.DATA, 99))
 
+    def count_descriptors(self):
+        """Of the Center. One that has ended has none, and will have none."""
+        if self.center.process.poll() is not None:
+            raise AssertionError(f"the Center has ended: {self.center.finish()}")
+        return self.vitals.descriptors()
+
     def expect_descriptors(self, count=0):
         """So many more than before the script."""
-        wait_until(lambda: self.vitals.descriptors() == self.descriptors + count,
+        wait_until(lambda: self.count_descriptors() == self.descriptors + count,
                    f"{self.descriptors + count} descriptors")
 
     def expect_growth(self, allowed):
