@@ -56,13 +56,17 @@ public:
     /// Has packets given to the user until done() is true, which is asked at least every c_look_around.
     virtual void serve_until(std::function<bool()> const& done) = 0;
     virtual char const* delivers_on() const = 0;
+    /// Does at once, and then once a period from that moment on, what a relay does for connections at rest; 0: no longer.
+    /// Whoever does that anyway does nothing here. All connections are open, and nothing is sent in between.
+    virtual void set_ticking(std::uint64_t) {}
     /// The thread that works at regular times; 0: there is none. The kernel's number.
     virtual int ticking_thread() const { return 0; }
     /// Ends what runs in the background; connections stay open until the end is destroyed.
     virtual void rest() {}
 };
 
-inline constexpr int c_look_around = 20; // milliseconds
+inline constexpr int c_look_around = 20;     // milliseconds
+inline constexpr double c_tick_period = 1.0; // seconds
 
 struct contender_row {
     std::string name;

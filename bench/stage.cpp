@@ -52,6 +52,9 @@ bool obey(message const& request, contender& end, channel& link) {
         set_up_far_cable();
         end.open_datagrams(make_path(1));
         break;
+    case message::ticks:
+        end.set_ticking(request.value);
+        break;
     case message::measure:
         answer.usage = measure_usage(end.ticking_thread());
         break;
@@ -153,6 +156,11 @@ void stage::open_datagrams() {
     lay_cable(far.id());
     near_end->open_datagrams(make_path(0));
     ask(message::datagrams, 0);
+}
+
+void stage::set_ticking(std::uint64_t from) {
+    ask(message::ticks, from);
+    near_end->set_ticking(from);
 }
 
 std::uint64_t interval::begin() {

@@ -35,6 +35,9 @@ public:
     /// Both ends send and take datagrams from now on; each in the network that enter_networks gave it.
     void open_datagrams();
 
+    /// Both ends tick from that moment on, as a relay's two ends do that were started together; see contender::set_ticking.
+    void set_ticking(std::uint64_t from);
+
     process_usage measure_near() const { return measure_usage(near_end->ticking_thread()); }
     process_usage measure_far() { return ask(message::measure, 0).usage; }
 

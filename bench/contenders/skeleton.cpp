@@ -52,7 +52,8 @@ private:
 class skeleton_end final : public contender {
 public:
     skeleton_end(run_plan const& plan, packet_user& of)
-        : user(of), answer_on(plan.answer), threads(plan, [this](record& from) { deliver(from); }) {}
+        : user(of), answer_on(plan.answer), connections(plan.connections),
+          threads(plan, [this](record& from) { deliver(from); }) {}
 
     std::uint16_t listen() override {
         std::uint16_t const port = find_unused_port();
@@ -89,6 +90,13 @@ public:
         return answer_on == answering::receive ? "receive thread" : "process's first thread";
     }
 
+    void set_ticking(std::uint64_t from) override {
+        serve_until([this] { return threads.established() >= connections; }); // this end may be the later one
+        threads.set_ticking(from);
+        serve_until([this] { return threads.has_ticked(); });
+    }
+
+    int ticking_thread() const override { return threads.ticking_thread(); }
     void rest() override { threads.rest(); }
 
 private:
@@ -102,6 +110,7 @@ private:
 
     packet_user& user;
     answering const answer_on;
+    unsigned int const connections;
     hand_over queue;
     std::vector<record*> outgoing;
     skeleton::engine threads; ///< last: its threads use the others

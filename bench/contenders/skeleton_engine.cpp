@@ -55,6 +55,7 @@ unsigned char* scratch_block() {
 
 engine::engine(run_plan const& plan, delivery to)
     : size(plan.size), window(window_of(plan)), deliver(std::move(to)), shared_data(plan.size) {
+    write_header(beat.data(), c_beat_size);
     for (std::size_t i = 0; i < c_instances; ++i) {
         instances.push_back(::epoll_create1(0));
         must(instances.back() != -1, "epoll_create1");
@@ -79,6 +80,7 @@ engine::~engine() {
 }
 
 void engine::rest() {
+    set_ticking(0);
     for (std::size_t i = 0; i < threads.size(); ++i) {
         stop(i);
     }
@@ -88,12 +90,16 @@ void engine::rest() {
 void engine::start(std::size_t which, step dispatch) {
     threads[which] = std::thread([this, which, dispatch] {
         block_sigpipe();
-        try {
-            serve(instances[which], dispatch);
-        } catch (std::exception const& reason) {
-            fail(reason.what());
-        }
+        run_guarded([&] { serve(instances[which], dispatch); });
     });
+}
+
+void engine::run_guarded(std::function<void()> const& work) {
+    try {
+        work();
+    } catch (std::exception const& reason) {
+        fail(reason.what());
+    }
 }
 
 /// Keeps the first reason, and wakes who waits for a connection.
@@ -242,10 +248,19 @@ void engine::send_block(record& rec) {
     }
 }
 
-void engine::begin_packets(record& rec) {
-    rec.what = kind::established;
+namespace {
+
+void expect_header(record& rec) {
     rec.recv_ptr = rec.recv_header;
     rec.recv_remain = c_header_size;
+    rec.receiving_data = false;
+}
+
+} // namespace
+
+void engine::begin_packets(record& rec) {
+    rec.what = kind::established;
+    expect_header(rec);
     std::atomic<unsigned int>& count = rec.is_outgoing ? count_connected : count_accepted;
     arm(instances[tcp_recv], EPOLL_CTL_MOD, rec, c_recv_mask);
     count.fetch_add(1, std::memory_order_release);
@@ -276,8 +291,12 @@ void engine::recv_piece(record& rec) {
 
 void engine::completed_recv(record& rec) {
     if (!rec.receiving_data) {
-        if (data_size_of(rec.recv_header) != size) {
-            throw failure("a packet of another size");
+        if (std::uint32_t const announced = data_size_of(rec.recv_header); announced != size) {
+            if (announced != c_beat_size) {
+                throw failure("a packet of another size");
+            }
+            expect_header(rec);
+            return;
         }
         if (size != 0) {
             if (rec.recv_data == nullptr) {
@@ -290,9 +309,7 @@ void engine::completed_recv(record& rec) {
         }
     }
     deliver(rec);
-    rec.recv_ptr = rec.recv_header;
-    rec.recv_remain = c_header_size;
-    rec.receiving_data = false;
+    expect_header(rec);
 }
 
 // --- sending ---------------------------------------------------------------------------------------------------
@@ -384,6 +401,10 @@ void engine::completed_packet(record& rec) {
     bool goes_on = false;
     {
         std::lock_guard<std::mutex> const guard(rec.lock);
+        if (rec.queue.front() == nullptr) {
+            beats_due.fetch_sub(1, std::memory_order_release);
+            return;
+        }
         rec.queue.keep(rec.queue.pop());
         goes_on = rec.queue.front() != nullptr;
         if (goes_on) {
@@ -394,6 +415,34 @@ void engine::completed_packet(record& rec) {
         arm(instances[tcp_send], EPOLL_CTL_MOD, rec, c_send_mask);
     }
     rec.window.leave();
+}
+
+// --- ticks -----------------------------------------------------------------------------------------------------
+
+void engine::set_ticking(std::uint64_t from) {
+    ticks.reset();
+    if (from != 0) {
+        ticks.emplace(from, [this] { run_guarded([this] { tick(); }); });
+    }
+}
+
+/// The header stands in no queue, for nothing else is sent meanwhile. While one of the tick before is still to be
+/// written nothing is armed, as the relay arms no connection that has something queued.
+void engine::tick() {
+    std::lock_guard<std::mutex> const guard(records_lock);
+    if (!has_ticked()) {
+        return;
+    }
+    beats_due.store(established(), std::memory_order_relaxed);
+    for (auto const& rec : records) {
+        if (rec->what != kind::established) {
+            continue;
+        }
+        rec->send_ptr = beat.data();
+        rec->send_remain = c_header_size;
+        rec->sending_header = false; // no data follows
+        arm(instances[tcp_send], EPOLL_CTL_MOD, *rec, c_send_mask);
+    }
 }
 
 // --- datagrams -------------------------------------------------------------------------------------------------

@@ -4,11 +4,14 @@
 
 #include "bench/contender.hpp"
 #include "bench/contenders/skeleton_records.hpp"
+#include "bench/contenders/skeleton_ticker.hpp"
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,7 +41,15 @@ public:
     void send(record& to);
     void broadcast();
 
+    /// A header alone goes over every connection at once and then once a period from that moment on; 0: no longer.
+    /// Nothing else may be sent until it is no longer so and has_ticked().
+    void set_ticking(std::uint64_t from);
+    /// Whether what the ticks so far have armed was written.
+    bool has_ticked() const { return beats_due.load(std::memory_order_acquire) == 0; }
+    int ticking_thread() const { return ticks ? ticks->thread() : 0; }
+
     unsigned int accepted() const { return count_accepted.load(std::memory_order_acquire); }
+    unsigned int established() const { return accepted() + count_connected.load(std::memory_order_acquire); }
     /// Throws what a thread of the engine failed with.
     void check();
 
@@ -48,7 +59,9 @@ private:
     void start(std::size_t which, step dispatch);
     void serve(int instance, step dispatch);
     void stop(std::size_t which);
+    void run_guarded(std::function<void()> const& work);
     void fail(std::string const& reason);
+    void tick();
     record& add_record(kind what, int fd);
     static void arm(int instance, int operation, record& rec, std::uint32_t mask);
     packet* obtain_with_data(record& to);
@@ -74,7 +87,8 @@ private:
     std::uint32_t const size;
     std::uint32_t const window;
     delivery const deliver;
-    std::vector<unsigned char> shared_data; ///< of broadcasts
+    std::vector<unsigned char> shared_data;          ///< of broadcasts
+    std::array<unsigned char, c_header_size> beat{}; ///< of ticks
 
     std::vector<int> instances;
     std::vector<std::thread> threads;
@@ -82,8 +96,10 @@ private:
     std::vector<std::unique_ptr<record>> records;
     std::atomic<unsigned int> count_accepted{0};
     std::atomic<unsigned int> count_connected{0};
+    std::atomic<unsigned int> beats_due{0}; ///< headers of a tick that are not written yet
     std::atomic<bool> has_failed{false};
     std::string failed_with;
+    std::optional<ticker> ticks; ///< last: it uses the others
 };
 
 } // namespace relay_bench::skeleton

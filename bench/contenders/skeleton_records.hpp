@@ -19,7 +19,8 @@ inline constexpr std::uint32_t c_recv_mask = EPOLLIN | EPOLLONESHOT;
 inline constexpr std::uint32_t c_send_mask = EPOLLOUT | EPOLLONESHOT | EPOLLET;
 inline constexpr std::uint32_t c_arrival_mask = EPOLLIN | EPOLLET;
 inline constexpr std::uint32_t c_datagram_idle_mask = EPOLLERR | EPOLLET;
-inline constexpr std::size_t c_block_size = 1024; ///< of the exchange that comes before packets
+inline constexpr std::uint32_t c_beat_size = 0xFFFFFFFF; ///< that the header of a tick announces, and no packet has
+inline constexpr std::size_t c_block_size = 1024;        ///< of the exchange that comes before packets
 
 /// A packet on its way out. Header and data stand apart, so that many packets may share one data block.
 struct packet {

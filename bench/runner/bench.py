@@ -104,7 +104,7 @@ def take_profiles(programs, played):
             continue
         say(f"profile of {row.title}")
         try:
-            profiles[row.case] = [sampling.take(programs, row, name) for name in sampling.contenders_of(row)]
+            profiles[row.case] = [sampling.take(programs, row, name) for name in goals.BOTH]
         except (sampling.NotSampled, suite.Failed, suite.NotHere) as reason:
             profiles[row.case] = f"No profile: {reason}."
     return profiles

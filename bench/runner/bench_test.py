@@ -36,7 +36,8 @@ if [ "$1" = record ]; then
 fi
 cat <<'TEXT'
 # Overhead|Command|Shared Object|Symbol
-60.00%  |relay-4        |[kernel.kallsyms]              |[k] do_epoll_ctl
+40.00%  |relay-4        |[kernel.kallsyms]              |[k] do_epoll_ctl
+20.00%  |skeleton-tick  |[kernel.kallsyms]              |[k] do_epoll_ctl
 20.00%  |relay-5        |libinet_relay.so.1.0.0         |[.] Zolt::EPoll::send_step
 10.00%  |relay-5        |libzolt_reference_host.so.1.0.0|[.] Zolt::struct_token::free
 10.00%  |relay-6        |libc.so.6                      |[.] epoll_ctl
@@ -70,6 +71,14 @@ class Samples(unittest.TestCase):
         shares, top = sampling.read_report(self.REPORT, "relay-5")
         self.assertAlmostEqual(shares["relay"], 2 / 3)
         self.assertEqual(len(top), 2)
+
+    def test_of_connections_at_rest_are_those_of_the_thread_that_ticks(self):
+        programs = mock.Mock()
+        rest = next(one for one in goals.ROWS if one.case.subject == "idle")
+        with mock.patch.object(suite, "call", lambda _: (0, self.REPORT, "")):
+            limit, relay = (sampling.take(programs, rest, name) for name in goals.BOTH)
+        self.assertEqual((limit.contender, limit.shares["kernel"], limit.top), ("skeleton", 1, []))
+        self.assertEqual((relay.contender, relay.shares["kernel"], relay.top), ("relay", 0, [(1, "epoll_ctl")]))
 
     def test_that_are_none_say_so(self):
         with self.assertRaises(sampling.NotSampled):
@@ -156,10 +165,20 @@ class Verdicts(unittest.TestCase):
         run.samples.append(results.Sample(CASE, "zmq", 1, 1, error="it fell", state=results.FAILED))
         self.assertEqual(self.verdict(run, bar), "failed")
 
+    def test_the_limit_is_shown_beside_a_bar_and_does_not_judge(self):
+        bar = goals.at_most(5, "rate", "", beside=goals.LIMIT)
+        run = measured(relay=[6, 8, 6], skeleton=[6, 4, 8])
+        judged = report.Verdict(run, row(bar), bar)
+        self.assertEqual((judged.text, judged.of_bar()),
+                         ("**not met**", "6 /s (6 /s .. 8 /s); 1.000 (0.750 .. 2.000) of skeleton"))
+        alone = report.Verdict(measured(relay=[5]), row(bar), bar)
+        self.assertEqual((alone.text, alone.of_bar()), ("met", "5 /s"))
+
     def test_each_bar_is_of_a_contender_that_takes_part_in_every_round(self):
         for one in goals.ROWS:
             for bar in one.bars:
                 self.assertIn(bar.against or goals.JUDGED, one.contenders, one.title)
+                self.assertIn(bar.beside or goals.JUDGED, one.contenders, one.title)
                 self.assertIn(bar.other(one.case)[0], [other.case for other in goals.ROWS], one.title)
         cases = [one.case for one in goals.ROWS]
         self.assertEqual(len(cases), len(set(cases)))
@@ -301,6 +320,11 @@ class WholeRun(unittest.TestCase):
         self.assertIn("| met |", self.line("memory, 8,000", "`heap_near_bytes_per_connection`", "at most 3,900 B"))
         self.assertIn("| **not met** |", self.line("memory, 8,000", "`heap_far_bytes_per_connection`", "3,901 B"))
         self.assertIn("| **not met** |", self.line("`trace_off_ns`", "at most 5 ns", "50 ns"))
+        for end in ("near", "far"):
+            self.line("at rest, 8,000", f"`tick_{end}_ns`", "at most 5 ms", "110 ns; 1.100 of skeleton", "| 1 | met |")
+        self.line("| at rest, 1,000 connections | relay |", "| 110 ns, ratio 1.100 | 110 ns, ratio 1.100 |")
+        self.line("| at rest, 1,000 connections | skeleton |", "| 100 ns | 100 ns |")
+        self.assertIn(goals.ABOUT["idle"], self.page()[self.page().index("\n## Connections at rest"):])
         missed = self.page()[self.page().index("\n## Goals not met"):self.page().index("\n## Round trips")]
         self.assertIn("**round trip, header only**: `p50_ns` 1.100, bar at most 1.09 of skeleton.", missed)
         self.assertEqual(missed.count(goals.TRIED["roundtrip"]), 1)

@@ -6,6 +6,9 @@ import goals
 import sampling
 from results import REPEATED
 
+# Beside the figure whose ratio to the skeleton has a column of its own.
+RATIO_SHOWN = ("tick_near_ns", "tick_far_ns")
+
 # For each subject its title, and what its table shows: the figure that the ratio is of, and others.
 SUBJECTS = {
     "roundtrip": ("Round trips", "p50_ns", ("p90_ns", "p99_ns", "p99_9_ns")),
@@ -68,6 +71,7 @@ class Verdict:
         errors = (measured.error(row.case, goals.JUDGED), other and measured.error(other_case, other))
         self.found = bar.spread(measured, row.case)
         self.own = measured.spread(row.case, goals.JUDGED, bar.figure)
+        self.beside = bar.ratio_beside(measured, row.case)
         if any(errors):
             self.text = "failed"
         elif self.found is None:
@@ -81,7 +85,8 @@ class Verdict:
     def of_bar(self):
         """What is compared with the bar, with its spread."""
         is_ratio = self.bar.against and self.bar.compare is goals.ratio
-        return with_spread(self.found, ratio_text if is_ratio else lambda value: amount(self.bar.figure, value))
+        compared = with_spread(self.found, ratio_text if is_ratio else lambda value: amount(self.bar.figure, value))
+        return f"{compared}; {with_spread(self.beside, ratio_text)} of {self.bar.beside}" if self.beside else compared
 
     def bar_text(self):
         bar = self.bar
@@ -137,7 +142,7 @@ def missed_section(measured, rows, profiles):
     yield "## Goals not met: where the time goes"
     yield ""
     yield ("Samples of the processor's time during one more run of each, set-up included; of connections at rest only those "
-           "of the timer's thread.")
+           "of the thread that ticks.")
     yield ""
     for subject in dict.fromkeys(row.case.subject for row, _ in found):
         title = SUBJECTS[subject][0] if subject in SUBJECTS else "Single costs"
@@ -163,10 +168,17 @@ def contender_cells(measured, row, contender, main, others):
     against = measured.ratio((row.case, contender, main), (row.case, goals.LIMIT, main))
     cells = [row.title, contender, with_spread(found, lambda value: amount(main, value)),
              with_spread(against, ratio_text), found.rounds if found else ""]
-    for figure in others:
-        other = measured.spread(row.case, contender, figure)
-        cells.append("" if other is None else amount(figure, other.median))
-    return cells
+    return cells + [other_cell(measured, row.case, contender, figure) for figure in others]
+
+
+def other_cell(measured, which, contender, figure):
+    found = measured.spread(which, contender, figure)
+    if found is None:
+        return ""
+    median = amount(figure, found.median)
+    is_compared = figure in RATIO_SHOWN and contender != goals.LIMIT
+    against = is_compared and measured.ratio((which, contender, figure), (which, goals.LIMIT, figure))
+    return f"{median}, ratio {ratio_text(against.median)}" if against else median
 
 
 def subject_section(measured, rows, subject):
@@ -177,6 +189,7 @@ def subject_section(measured, rows, subject):
         return
     yield f"## {title}"
     yield ""
+    yield from (goals.ABOUT[subject], "") if subject in goals.ABOUT else ()
     yield from table(["case", "contender", f"`{main}`", "ratio to the skeleton", "rounds",
                       *(f"`{figure}`" for figure in others)], lines)
 

@@ -11,7 +11,8 @@ import suite
 
 SECONDS = 2  # of one profile: set-up and warm-up are in it too
 SAMPLES_PER_SECOND = 4999
-TICKING_THREAD = "relay-6"  # the sixth thread that the relay has made: its timer's
+# The names of the threads that tick; the relay's is the sixth that it has made: its timer's.
+TICKING_THREADS = {goals.JUDGED: "relay-6", goals.LIMIT: "skeleton-tick"}
 
 KERNEL, REST = "kernel", "the bench"
 GROUPS = (("relay", r"libinet_relay\."), ("reference host", r"libzolt_reference_host\."),
@@ -74,10 +75,5 @@ def take(programs, row, contender):
                                      "--sort", "comm,dso,sym"])
         except FileNotFoundError as missing:
             raise NotSampled("perf is not installed") from missing
-    shares, top = read_report(text, TICKING_THREAD if is_rest else None)
+    shares, top = read_report(text, TICKING_THREADS[contender] if is_rest else None)
     return Profile(contender, shares, top, None if is_rest else cost_of(figures))
-
-
-def contenders_of(row):
-    """The relay, and what its time is to be compared with; at rest the skeleton has no ticks."""
-    return (goals.JUDGED,) if row.case.subject == "idle" else goals.BOTH

@@ -62,7 +62,7 @@ void bind_to_cores(placement cores, bool is_far);
 
 /// What passes between the two ends beside packets.
 struct message {
-    enum what : std::uint32_t { serve, connect, datagrams, measure, stop, done, failed, refused } kind = done;
+    enum what : std::uint32_t { serve, connect, datagrams, ticks, measure, stop, done, failed, refused } kind = done;
     std::uint64_t value = 0;
     union {
         process_usage usage;

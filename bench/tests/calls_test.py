@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The skeleton makes the relay's calls: so many a packet, of each kind. Usage: calls_test.py BINARY STRACE
+"""The skeleton makes the relay's calls: so many a packet, and so many a heartbeat, of each kind. Usage: calls_test.py BINARY STRACE
 
 Both ends of a run are counted together. Two runs of different length are compared, so that setting up and ending cancel
 out; what remains is the cost of the packets in between. The relay's heartbeats, one a second, are in the tolerance.
@@ -26,6 +26,11 @@ DATAGRAM = {"epoll_wait": 4, "epoll_ctl": 4, "sendto": 2, "recvfrom": 4}
 # A datagram that is queued while the one before it is written is armed by both who could: two calls, and perhaps two
 # events, where one was meant. An answer may be that fast in every round trip, at both ends.
 ARMED_TWICE = {"epoll_wait": 2, "epoll_ctl": 2}
+
+# Of one connection and one tick: armed for writing, written, read, armed for reading.
+HEARTBEAT = {"epoll_wait": 2, "epoll_ctl": 2, "sendto": 1, "recvfrom": 1}
+RESTING = 50  # connections
+SHORT_REST, LONG_REST = 1, 3  # seconds; so many ticks of the skeleton, and one before
 
 
 def count_calls(words, count):
@@ -76,6 +81,18 @@ class Calls(unittest.TestCase):
     def test_datagrams(self):
         self.check(["udp", "--way", "round", "--size", "64"], DATAGRAM, ARMED_TWICE)
         self.check(["udp", "--way", "round", "--size", "0"], DATAGRAM, ARMED_TWICE)
+
+    def test_heartbeats(self):
+        for contender in ("skeleton", "relay"):
+            with self.subTest(contender=contender):
+                words = ["idle", "--contender", contender, "--connections", str(RESTING), "--seconds"]
+                (_, before), (_, after) = (count_calls([*words, str(rest)], 1) for rest in (SHORT_REST, LONG_REST))
+                more = {kind: after[kind] - before[kind] for kind in COUNTED}
+                self.assertGreaterEqual(more["sendto"], RESTING)
+                if contender == "skeleton":
+                    self.assertEqual(more["sendto"], 2 * RESTING * (LONG_REST - SHORT_REST))
+                for kind in COUNTED:
+                    self.assertAlmostEqual(more[kind] / more["sendto"], HEARTBEAT[kind], delta=TOLERANCE, msg=kind)
 
 
 if __name__ == "__main__":

@@ -84,6 +84,16 @@ class Smoke(unittest.TestCase):
                 with self.subTest(contender=contender, words=words):
                     self.check_run(contender, words)
 
+    def test_ticks_have_a_cost_at_both_ends(self):
+        if SUBJECT != "idle":
+            return
+        for contender in ("skeleton", "relay"):
+            with self.subTest(contender=contender):
+                code, answer = ask(SUBJECT, "--contender", contender, "--seconds", "1", "--count", "1", "--warm-up", "0")
+                self.assertEqual(code, 0, answer)
+                for name in TICKS | WAKEUPS:
+                    self.assertGreater(answer["figures"][name], 0, name)
+
     def test_count_is_kept(self):
         code, answer = ask(SUBJECT, "--contender", "skeleton", "--count", "50", "--warm-up", "0", "--connections", "2")
         if SUBJECT == "udp" and not has_networks():
