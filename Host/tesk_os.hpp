@@ -9,10 +9,17 @@
 #include "Host/lock_annotations.hpp"
 
 #include <atomic>
-
-#include <pthread.h>
+#include <cstdint>
 
 namespace Tesk::OS {
+
+/// What a lock is made of: the host's own, as small as it gets, because each connection has two of them.
+struct struct_lock_words {
+    std::atomic<std::uint32_t> state{0}; ///< whether it is held, and waited for
+    std::atomic<std::uint32_t> owner{0}; ///< the number that the host gave the thread that holds it
+    std::uint16_t depth = 0;             ///< how often its owner holds it
+    std::atomic<std::int16_t> core{-1};  ///< where its owner ran when it took the lock
+};
 
 /// A mutual-exclusion lock, re-entrant for its owner: as many unlocks as locks. May be destroyed by the thread that
 /// took it last as soon as the thread before has let go of it. Taken and given back only by the two guards.
@@ -27,8 +34,7 @@ protected:
 
     friend class class_locker;
     friend class class_unlocker;
-    pthread_mutex_t mutex;     ///< the host's own
-    std::atomic<int> core{-1}; ///< the host's own: where its owner ran when it took the lock
+    struct_lock_words words;
 };
 
 /// The lock that the relay embeds in its records and keeps two of as globals. The argument is always 0.

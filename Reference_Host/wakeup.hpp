@@ -3,16 +3,13 @@
 #ifndef REFERENCE_HOST_WAKEUP_HPP
 #define REFERENCE_HOST_WAKEUP_HPP
 
+#include "Reference_Host/futex.hpp"
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstdint>
 #include <ctime>
-
-#include <linux/futex.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace Zolt::Reference_Host {
 
@@ -41,7 +38,7 @@ public:
     void wake() {
         if (state.fetch_add(0, std::memory_order_acq_rel) == c_somebody_sleeps &&
             state.exchange(c_all_awake, std::memory_order_acq_rel) == c_somebody_sleeps) {
-            ::syscall(SYS_futex, &state, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+            wake_all(state);
         }
     }
 
@@ -56,13 +53,10 @@ private:
             std::chrono::duration_cast<std::chrono::nanoseconds>(moment.time_since_epoch()).count();
         timespec const until{static_cast<time_t>(nanoseconds / 1000000000),
                              static_cast<long>(nanoseconds % 1000000000)};
-        return ::syscall(SYS_futex, &state, FUTEX_WAIT_BITSET_PRIVATE, c_somebody_sleeps, &until, nullptr,
-                         FUTEX_BITSET_MATCH_ANY) == -1 &&
-               errno != EAGAIN && errno != EINTR;
+        return wait_while_equal_until(state, c_somebody_sleeps, until) == -1 && errno != EAGAIN && errno != EINTR;
     }
 
     std::atomic<std::uint32_t> state{c_all_awake};
-    static_assert(sizeof state == sizeof(std::uint32_t)); // what the kernel compares
 };
 
 } // namespace Zolt::Reference_Host

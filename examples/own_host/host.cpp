@@ -131,7 +131,8 @@ struct struct_token_node {
 namespace {
 
 struct_token_node& opened(struct_token_node*& node) { return *(node = node != nullptr ? node : new struct_token_node); }
-void drop_empty(struct_token_node*& node) {
+void drop(struct_token_node*& node, std::shared_ptr<part>& dropped) {
+    dropped.reset();
     if (node->header == nullptr && node->data == nullptr) {
         delete std::exchange(node, nullptr);
     }
@@ -165,20 +166,15 @@ void struct_token::reset_data() {
         static_cast<void>(new std::shared_ptr<part>(std::exchange(node->data, nullptr)));
     }
 }
-void struct_token::free() {
-    free_data();
-    free_header();
-}
+void struct_token::free() { free_data(), free_header(); }
 void struct_token::free_header() {
     if (has_header() && --node->handles == 0) {
-        node->header.reset();
-        drop_empty(node);
+        drop(node, node->header);
     }
 }
 void struct_token::free_data() {
     if (has_data()) {
-        node->data.reset();
-        drop_empty(node);
+        drop(node, node->data);
     }
 }
 
@@ -192,18 +188,13 @@ unsigned short struct_tcp_header::get_port_of_receiver() { return std::uint16_t(
 
 // --- the inbox, where arrivals wait for the Center --------------------------------------------------------------
 
-namespace {
-
-constexpr int c_busy = 0x40000008;
-
-struct {
+static constexpr int c_refused = 0x40000007, c_busy = 0x40000008;
+static struct {
     std::mutex lock;
     std::condition_variable filled;
     std::deque<own_host::arrival> waiting;
     bool is_closed = false;
 } inbox;
-
-} // namespace
 
 bool own_host::wait_for(arrival& next, std::chrono::milliseconds longest) {
     std::unique_lock hold(inbox.lock);
@@ -232,14 +223,12 @@ Zolt::struct_token own_host::make_packet(Zolt::struct_node_addr to, std::string_
 }
 
 int Zolt::Common::Global::send_zolt_center(struct_token& offered) try {
-    constexpr int c_refused = 0x40000007;
     std::scoped_lock const hold(inbox.lock);
     if (inbox.is_closed || inbox.waiting.size() == own_host::c_most_waiting) {
         return inbox.is_closed ? c_refused : c_busy;
     }
-    stamps const& stamped = known(offered.get_header_packet());
-    own_host::arrival next{
-        stamped.group == c_local_host ? own_host::event::datagram : stamped.told, stamped.source, {}};
+    stamps const& stamp = known(offered.get_header_packet());
+    own_host::arrival next{stamp.group == c_local_host ? own_host::event::datagram : stamp.told, stamp.source, {}};
     if (offered.has_data()) {
         next.data.assign(offered.get_data(), offered.get_data() + offered.get_header_packet()->get_data_size());
     }
@@ -291,8 +280,7 @@ namespace Tesk::OS {
 namespace {
 
 /// Signals are for the program's own threads.
-template <class Entry>
-std::jthread start_without_signals(Entry entry) {
+std::jthread start_without_signals(auto entry) {
     sigset_t all, before;
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
@@ -301,15 +289,30 @@ std::jthread start_without_signals(Entry entry) {
     return started;
 }
 
+/// Re-entrant: one word holds the number of the thread that has the lock.
+void take(struct_lock_words& lock) {
+    thread_local auto const self = static_cast<std::uint32_t>(::gettid());
+    for (std::uint32_t owner = 0; !lock.owner.compare_exchange_strong(owner, self) && owner != self; owner = 0) {
+        lock.owner.wait(owner);
+    }
+    ++lock.depth;
+}
+void give_back(struct_lock_words& lock) {
+    if (--lock.depth == 0) {
+        lock.owner = 0;
+        lock.owner.notify_one();
+    }
+}
+
 } // namespace
 
-class_thread_lock::class_thread_lock(unsigned int const&) { mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP; }
+class_thread_lock::class_thread_lock(unsigned int const&) {}
 class_thread_lock::~class_thread_lock() = default;
-class_locker::class_locker(class_lock& lock, unsigned char*) : held(&lock) { ::pthread_mutex_lock(&held->mutex); }
+class_locker::class_locker(class_lock& lock, unsigned char*) : held(&lock) { take(held->words); }
 class_locker::class_locker(class_lock* lock, unsigned char* unused) : class_locker(*lock, unused) {}
-class_locker::~class_locker() { ::pthread_mutex_unlock(&held->mutex); }
-class_unlocker::class_unlocker(class_lock* lock) : released(lock) { ::pthread_mutex_unlock(&released->mutex); }
-class_unlocker::~class_unlocker() { ::pthread_mutex_lock(&released->mutex); }
+class_locker::~class_locker() { give_back(held->words); }
+class_unlocker::class_unlocker(class_lock* lock) : released(lock) { give_back(released->words); }
+class_unlocker::~class_unlocker() { take(released->words); }
 
 struct class_thread::thread_state {
     std::jthread thread;
@@ -322,9 +325,7 @@ int class_thread::eproc_create(void* (*entry)(class_thread*), void*) {
     return 0;
 }
 int class_thread::proc_wait_exit(void** result) {
-    if (state->thread.joinable()) {
-        state->thread.join();
-    }
+    state->thread = std::jthread(); // waits for the one before
     *(result != nullptr ? result : &state->result) = state->result;
     return 0;
 }
@@ -335,16 +336,16 @@ struct class_timer::timer_state {
 class_timer::class_timer() : state(new timer_state) {}
 class_timer::~class_timer() { delete state; }
 int class_timer::eproc_create(double period, void (*callback)(class_timer*), void*) {
-    state->thread = start_without_signals([this, period, callback](std::stop_token const& stop) {
-        std::mutex lock;
-        std::unique_lock hold(lock);
-        std::condition_variable_any pause;
-        // Each pause begins when the callback has returned: one that is slow loses ticks and brings no burst.
-        while (
-            !pause.wait_for(hold, stop, std::chrono::duration<double>(period), [&] { return stop.stop_requested(); })) {
-            callback(this);
-        }
-    });
+    state->thread = start_without_signals(
+        [this, every = std::chrono::duration<double>(period), callback](std::stop_token const& stop) {
+            std::mutex lock;
+            std::unique_lock hold(lock);
+            std::condition_variable_any pause;
+            // Each pause begins when the callback has returned: one that is slow loses ticks and brings no burst.
+            while (!pause.wait_for(hold, stop, every, [&] { return stop.stop_requested(); })) {
+                callback(this);
+            }
+        });
     return 0;
 }
 int class_timer::proc_destroy() {
@@ -354,8 +355,7 @@ int class_timer::proc_destroy() {
 
 unsigned long lemon_clock() { return lemon_cpu_clock() / 1000; }
 unsigned long lemon_cpu_clock() {
-    auto const now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<unsigned long>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::duration<unsigned long, std::micro>(1);
 }
 void rtsleep(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 void thread_yield() { std::this_thread::yield(); }

@@ -76,7 +76,7 @@ void check_order(held_lock const& taken) {
     }
 }
 
-// Writes the lock into the thread's list. The mutex itself is held by now.
+// Writes the lock into the thread's list. The lock itself is held by now.
 int enter(void const* lock) {
     if (held_lock* const again = find_held(lock)) {
         return ++again->depth;
@@ -88,7 +88,7 @@ int enter(void const* lock) {
     return 1;
 }
 
-// Takes the lock out of the thread's list; -1 when the thread did not hold it. The mutex itself is still held.
+// Takes the lock out of the thread's list; -1 when the thread did not hold it. The lock itself is still held.
 int leave(void const* lock) {
     held_lock* const held = find_held(lock);
     if (held == nullptr) {
@@ -108,20 +108,45 @@ void note_lock(void const* lock, char const* name, char const* form, int depth) 
     }
 }
 
-void acquire(void const* lock, pthread_mutex_t& mutex, char const* name, char const* form) {
-    ::pthread_mutex_lock(&mutex);
+/// Of the calling thread; never 0.
+std::uint32_t own_number() {
+    static std::atomic<std::uint32_t> last{0};
+    thread_local std::uint32_t const number = ++last;
+    return number;
+}
+
+void take(Tesk::OS::struct_lock_words& words) {
+    if (words.owner != own_number()) {
+        while (words.state.exchange(1) != 0) {
+            words.state.wait(1);
+        }
+        words.owner = own_number();
+    }
+    ++words.depth;
+}
+
+void let_go(Tesk::OS::struct_lock_words& words) {
+    if (--words.depth == 0) {
+        words.owner = 0;
+        words.state = 0;
+        words.state.notify_one();
+    }
+}
+
+void acquire(void const* lock, Tesk::OS::struct_lock_words& words, char const* name, char const* form) {
+    take(words);
     if (recording()) {
         note_lock(lock, name, form, enter(lock));
     }
 }
 
-void give_back(void const* lock, pthread_mutex_t& mutex, char const* name, char const* form) {
+void give_back(void const* lock, Tesk::OS::struct_lock_words& words, char const* name, char const* form) {
     int const depth = leave(lock);
     if (depth == -1 && recording()) {
         report_failure(std::string(name) + " of " + lock_name(lock) + ", which the thread does not hold");
     }
     note_lock(lock, name, form, depth);
-    ::pthread_mutex_unlock(&mutex);
+    let_go(words);
 }
 
 void check_unused(unsigned char const* unused) {
@@ -170,11 +195,6 @@ using namespace relay_test;
 
 class_thread_lock::class_thread_lock(unsigned int const& kind) {
     errno_guard const keep;
-    pthread_mutexattr_t attributes;
-    ::pthread_mutexattr_init(&attributes);
-    ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    ::pthread_mutex_init(&mutex, &attributes);
-    ::pthread_mutexattr_destroy(&attributes);
     g_made.fetch_add(1, std::memory_order_relaxed);
     if (kind != 0) {
         report_failure("class_thread_lock made with " + std::to_string(kind));
@@ -200,7 +220,7 @@ class_thread_lock::~class_thread_lock() {
         b.live.erase(this);
         forget_object(this);
     }
-    if (::pthread_mutex_destroy(&mutex) != 0) {
+    if (words.state != 0) {
         report_failure("a lock was destroyed while held");
     }
 }
@@ -208,28 +228,28 @@ class_thread_lock::~class_thread_lock() {
 class_locker::class_locker(class_lock& lock, unsigned char* unused) : held(&lock) {
     errno_guard const keep;
     check_unused(unused);
-    acquire(held, held->mutex, "lock", "reference");
+    acquire(held, held->words, "lock", "reference");
 }
 
 class_locker::class_locker(class_lock* lock, unsigned char* unused) : held(lock) {
     errno_guard const keep;
     check_unused(unused);
-    acquire(held, held->mutex, "lock", "pointer");
+    acquire(held, held->words, "lock", "pointer");
 }
 
 class_locker::~class_locker() {
     errno_guard const keep;
-    give_back(held, held->mutex, "unlock", "guard");
+    give_back(held, held->words, "unlock", "guard");
 }
 
 class_unlocker::class_unlocker(class_lock* lock) : released(lock) {
     errno_guard const keep;
-    give_back(released, released->mutex, "release", "unlocker");
+    give_back(released, released->words, "release", "unlocker");
 }
 
 class_unlocker::~class_unlocker() {
     errno_guard const keep;
-    acquire(released, released->mutex, "retake", "unlocker");
+    acquire(released, released->words, "retake", "unlocker");
 }
 
 } // namespace Tesk::OS

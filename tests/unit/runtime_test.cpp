@@ -83,9 +83,10 @@ struct open_lock : class_thread_lock {
     bool is_free_for_others() {
         return std::async(std::launch::async,
                           [this] {
-                              bool const taken = ::pthread_mutex_trylock(&mutex) == 0;
+                              std::uint32_t expected = 0;
+                              bool const taken = words.state.compare_exchange_strong(expected, 1);
                               if (taken) {
-                                  ::pthread_mutex_unlock(&mutex);
+                                  words.state = 0;
                               }
                               return taken;
                           })

@@ -22,6 +22,8 @@
 namespace simulation {
 namespace {
 
+using lock_words = Tesk::OS::struct_lock_words;
+
 kernel* g_kernel = nullptr;
 std::vector<std::string> g_errors;
 long g_locks = 0;
@@ -41,37 +43,33 @@ void print(std::string line) {
 
 // --- locks -------------------------------------------------------------------------------------------------------
 
-/// What stands in the bytes of a lock.
-struct lock_body {
-    std::uint64_t magic;
-    actor owner;
-    int depth;
-};
-static_assert(sizeof(lock_body) <= sizeof(pthread_mutex_t));
-constexpr std::uint64_t c_live_lock = 0x4C4956454C4F434BU;
-constexpr actor c_nobody = -2;
+constexpr std::uint32_t c_live_lock = 0x4C4F434BU;
+constexpr std::uint32_t c_nobody = 0;
 
-lock_body& body_of(pthread_mutex_t& mutex) {
-    auto* const body = reinterpret_cast<lock_body*>(&mutex);
-    require(body->magic == c_live_lock, "a lock is used that does not live");
-    return *body;
+/// The name of an actor as a lock keeps it; never c_nobody.
+std::uint32_t owner_of(actor who) {
+    return static_cast<std::uint32_t>(who) + 3;
 }
 
-void acquire(pthread_mutex_t& mutex) {
-    actor const self = current_actor();
-    lock_body& body = body_of(mutex);
-    if (body.owner != self) {
-        wait_for("lock", [&] { return body_of(mutex).owner == c_nobody; });
-        body.owner = self;
+/// A lock that lives bears a mark in its state.
+lock_words& live(lock_words& words) {
+    require(words.state == c_live_lock, "a lock is used that does not live");
+    return words;
+}
+
+void acquire(lock_words& words) {
+    std::uint32_t const self = owner_of(current_actor());
+    if (live(words).owner != self) {
+        wait_for("lock", [&] { return live(words).owner == c_nobody; });
+        words.owner = self;
     }
-    ++body.depth;
+    ++words.depth;
 }
 
-void give_back(pthread_mutex_t& mutex) {
-    lock_body& body = body_of(mutex);
-    require(body.owner == current_actor(), "a lock is given back by an actor that does not hold it");
-    if (--body.depth == 0) {
-        body.owner = c_nobody;
+void give_back(lock_words& words) {
+    require(live(words).owner == owner_of(current_actor()), "a lock is given back by an actor that does not hold it");
+    if (--words.depth == 0) {
+        words.owner = c_nobody;
         point("unlock");
     }
 }
@@ -109,33 +107,33 @@ namespace Tesk::OS {
 using namespace simulation;
 
 class_thread_lock::class_thread_lock(unsigned int const&) {
-    new (&mutex) lock_body{c_live_lock, c_nobody, 0};
+    words.state = c_live_lock;
     ++g_locks;
 }
 
 class_thread_lock::~class_thread_lock() {
     if (is_inside) {
-        require(body_of(mutex).owner == c_nobody, "a lock is destroyed while it is held");
+        require(live(words).owner == c_nobody, "a lock is destroyed while it is held");
     }
-    std::memset(static_cast<void*>(&mutex), 0, sizeof mutex);
+    words.state = 0;
     --g_locks;
 }
 
 class_locker::class_locker(class_lock& lock, unsigned char*) : held(&lock) {
-    acquire(held->mutex);
+    acquire(held->words);
 }
 class_locker::class_locker(class_lock* lock, unsigned char*) : held(lock) {
-    acquire(held->mutex);
+    acquire(held->words);
 }
 class_locker::~class_locker() {
-    give_back(held->mutex);
+    give_back(held->words);
 }
 
 class_unlocker::class_unlocker(class_lock* lock) : released(lock) {
-    give_back(released->mutex);
+    give_back(released->words);
 }
 class_unlocker::~class_unlocker() {
-    acquire(released->mutex);
+    acquire(released->words);
 }
 
 // --- threads and the timer -----------------------------------------------------------------------------------------
