@@ -34,7 +34,7 @@ protected:
 
     friend class class_locker;
     friend class class_unlocker;
-    struct_lock_words words;
+    struct_lock_words words; ///< the host's own
 };
 
 /// The lock that the relay embeds in its records and keeps two of as globals. The argument is always 0.
