@@ -1,5 +1,6 @@
 """What the hostile scripts share: a Center under attack, the peers that must not notice, and what is checked afterwards."""
 
+import contextlib
 import os
 import re
 import resource
@@ -62,10 +63,10 @@ class Vitals:
             return next(int(line.split()[1]) << 10 for line in status if line.startswith(f"{field}:"))
 
     def kept_waiting(self):
-        """Seconds that its threads wanted a processor and had none so far, all of them together."""
+        """Seconds that its threads wanted a processor and had none so far, all of them together. Not every kernel counts."""
         nanoseconds = 0
         for task in os.listdir(f"{self.folder}/task"):
-            with open(f"{self.folder}/task/{task}/schedstat", "rb") as times:
+            with contextlib.suppress(OSError), open(f"{self.folder}/task/{task}/schedstat", "rb") as times:
                 nanoseconds += int(times.read().split()[1])
         return nanoseconds / 1e9
 
