@@ -6,18 +6,23 @@
 #include "Host/zolt_packet.hpp"
 #include "tests/unit/reference_host_fixtures.hpp"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <fstream>
 #include <future>
 #include <limits>
 #include <memory>
 #include <sched.h>
+#include <string>
 #include <sys/syscall.h>
 #include <type_traits>
+#include <unistd.h>
 
 namespace {
 std::atomic<int> g_yields{0};
@@ -144,6 +149,33 @@ TEST(lock, keeps_threads_apart) {
         }
     }).join();
     EXPECT_EQ(count, c_threads * c_rounds);
+}
+
+/// Whether that thread of this process waits in the kernel.
+bool is_asleep(::pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    std::size_t const name_end = stat.rfind(") ");
+    return name_end != std::string::npos && stat.substr(name_end + 2, 1) == "S";
+}
+
+TEST(lock, wakes_all_who_sleep_for_it_one_after_the_other) {
+    class_thread_lock lock(0U);
+    std::array<std::atomic<::pid_t>, 3> sleepers{};
+    std::atomic<int> served{0};
+    auto held = std::make_unique<class_locker>(lock, nullptr);
+    thread_group waiting(sleepers.size(), [&](unsigned int number) {
+        sleepers.at(number) = ::gettid();
+        class_locker const hold(lock, nullptr);
+        ++served;
+    });
+    EXPECT_TRUE(comes_true(
+        [&] { return std::ranges::all_of(sleepers, [](auto const& each) { return each != 0 && is_asleep(each); }); }));
+    EXPECT_EQ(served, 0);
+    held.reset();
+    EXPECT_TRUE(comes_true([&] { return served == 3; }));
+    waiting.join();
 }
 
 TEST(lock, may_be_destroyed_as_soon_as_the_thread_before_has_let_go) {
