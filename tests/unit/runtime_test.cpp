@@ -21,6 +21,7 @@
 #include <sched.h>
 #include <string>
 #include <sys/syscall.h>
+#include <thread>
 #include <type_traits>
 #include <unistd.h>
 
@@ -176,6 +177,33 @@ TEST(lock, wakes_all_who_sleep_for_it_one_after_the_other) {
     held.reset();
     EXPECT_TRUE(comes_true([&] { return served == 3; }));
     waiting.join();
+}
+
+TEST(lock, leaves_errno_alone_also_when_a_signal_interrupts_who_sleeps_for_it) {
+    static std::atomic<int> interruptions;
+    interruptions = 0;
+    struct sigaction counting {};
+    struct sigaction before {};
+    counting.sa_handler = [](int) { ++interruptions; };
+    ASSERT_EQ(::sigaction(SIGUSR1, &counting, &before), 0);
+    class_thread_lock lock(0U);
+    std::atomic<::pid_t> sleeper{0};
+    int found = 0;
+    auto held = std::make_unique<class_locker>(lock, nullptr);
+    std::thread waiting([&] {
+        sleeper = ::gettid();
+        errno = E2BIG;
+        class_locker const hold(lock, nullptr);
+        found = errno;
+    });
+    auto const sleeps = [&] { return sleeper != 0 && is_asleep(sleeper); };
+    EXPECT_TRUE(comes_true(sleeps));
+    EXPECT_EQ(::pthread_kill(waiting.native_handle(), SIGUSR1), 0);
+    EXPECT_TRUE(comes_true([&] { return interruptions == 1 && sleeps(); }));
+    held.reset();
+    waiting.join();
+    EXPECT_EQ(found, E2BIG);
+    ::sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST(lock, may_be_destroyed_as_soon_as_the_thread_before_has_let_go) {

@@ -9,10 +9,8 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <memory>
-#include <new>
 #include <string>
 #include <utility>
 
