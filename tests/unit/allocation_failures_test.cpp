@@ -187,6 +187,18 @@ TEST_F(allocation_failures, of_the_place_of_a_call_leave_it_with_the_caller) {
     call.free();
 }
 
+TEST_F(allocation_failures, of_a_place_in_a_broadcast_are_told_to_the_caller_and_leave_nothing_behind) {
+    constexpr std::size_t c_full_block = 63; // the next one takes memory
+    tcp_record* const rec = filed_accepted("rec");
+    auto packet = make_token({.data = {1}});
+    while (rec->send_q.size() < c_full_block) {
+        rec->send_q.push_back(make_token({}));
+    }
+    EXPECT_TRUE(throws_at(1, [&] { INet_Relay::send_tcp_broadcast(packet, packet.get_header_packet()); }));
+    EXPECT_EQ(rec->send_q.size(), c_full_block);
+    packet.free();
+}
+
 TEST_F(allocation_failures, can_hit_a_silent_connection_only_now_and_then_however_many_packets_wait) {
     constexpr int c_waiting = 1000;
     tcp_record* const rec = filed_accepted("rec");

@@ -68,6 +68,19 @@ TEST_F(datagrams_after_a_dropped_one, are_looked_at_once_a_tick_when_the_call_it
     receive_one();
 }
 
+TEST_F(datagrams_after_a_dropped_one, are_looked_at_once_a_tick_when_only_its_header_could_be_read) {
+    send_to(rec, packet_bytes({}));
+    system.fail("recvfrom", 2, ENOMEM);
+    expect_error(text("udp_nothing_read"));
+    receive_one();
+    system.clear();
+    EPoll::timer_look_again();
+    EXPECT_EQ(system.calls("epoll_ctl").back().mask, c_arrival_mask);
+    EXPECT_NE(due(), 0u);
+    receive_one();
+    EXPECT_EQ(due(), 0u);
+}
+
 TEST_F(datagrams_after_a_dropped_one, are_looked_at_when_the_host_refused_it_memory) {
     packet_fields const announcing{.data = {1, 2, 3}};
     send_to(rec, packet_bytes(announcing));

@@ -302,6 +302,13 @@ TEST_F(registries, tell_whether_an_unfiled_record_was_established) {
     EXPECT_FALSE(unfile(waiting("waiting", 9002)));
 }
 
+TEST_F(registries, do_not_take_a_record_in_the_shadow_for_an_established_one) {
+    connecting("connecting");
+    EXPECT_FALSE(unfile(connecting("in its shadow")));
+    waiting("waiting", 9001);
+    EXPECT_FALSE(unfile(waiting("in the shadow of that", 9001)));
+}
+
 // --- no entry outlives its record ------------------------------------------------------------------------------------
 
 TEST_F(registries, do_not_name_an_accepted_record_that_is_destroyed) {
