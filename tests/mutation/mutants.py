@@ -34,6 +34,8 @@ GOAL = 90  # of 100
 REPORTS_EACH = 30  # seconds, where nobody looks at a terminal
 BRIEF = ("--gtest_fail_fast", "--gtest_brief=1")
 MOST_MEMORY = 4 << 30  # bytes of addresses; a change that allocates without end fails soon
+MOST_WRITTEN = 256 << 20  # bytes; one that writes without end fails soon, too
+KEPT = 4096  # bytes at the end of what a program wrote, told when an unchanged copy fails
 
 # The suites that belong to a source; the first part that its name contains counts. They are asked before all others.
 OWN_SUITES = {
@@ -170,6 +172,15 @@ def statements_of(path):
         offset += len(line)
 
 
+@dataclass(frozen=True)
+class Verdict:
+    phase: str  # the title of the one that failed; empty when none did
+    said: str  # the end of what its program wrote
+
+
+UNNOTICED = Verdict("", "")
+
+
 class Workshop:
     """The build tree, and how one changed source becomes a test program."""
 
@@ -251,25 +262,31 @@ class Workshop:
                 arguments = [part for part in phase.arguments if "{own}" not in part]
                 began = time.monotonic()
                 with self.timed("without a change"):
-                    if not passes(program, arguments, 600):
-                        raise RuntimeError(f"{phase.target} fails without any change")
+                    said = complaint_of(program, arguments, 600)
+                if said is not None:
+                    raise RuntimeError(f"{phase.target} fails without any change:\n{said}")
                 self.limits[phase.target] = 5 * (time.monotonic() - began) + 10
             return self.limits[phase.target]
 
 
-def passes(program, arguments, seconds):
-    """Whether the program ends well in that time. Whatever it started ends with it."""
-    run = subprocess.Popen(("prlimit", f"--as={MOST_MEMORY}", "--core=0", str(program), *arguments),
-                           stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                           cwd=program.parent, start_new_session=True)
-    try:
-        return run.wait(seconds) == 0
-    except subprocess.TimeoutExpired:
-        return False
-    finally:
-        with suppress(ProcessLookupError):
-            os.killpg(run.pid, signal.SIGKILL)
-        run.wait()
+def complaint_of(program, arguments, seconds):
+    """None when the program ends well in that time, or else the end of what it said. Whatever it started ends too."""
+    with tempfile.TemporaryFile() as said:
+        limits = (f"--as={MOST_MEMORY}", f"--fsize={MOST_WRITTEN}", "--core=0")
+        run = subprocess.Popen(("prlimit", *limits, str(program), *arguments), stdin=subprocess.DEVNULL, stdout=said,
+                               stderr=said, cwd=program.parent, start_new_session=True)
+        try:
+            status = run.wait(seconds)
+        except subprocess.TimeoutExpired:
+            status = f"still running after {seconds:.0f} s"
+        finally:
+            with suppress(ProcessLookupError):
+                os.killpg(run.pid, signal.SIGKILL)
+            run.wait()
+        if status == 0:
+            return None
+        said.seek(max(0, said.seek(0, os.SEEK_END) - KEPT))
+        return f"{said.read().decode(errors='replace')}\nended with: {status}"
 
 
 def own_suites(source):
@@ -277,7 +294,7 @@ def own_suites(source):
 
 
 def noticed_by(workshop, source, changed, folder, phases):
-    """The title of the first phase that fails, or None."""
+    """The first phase that fails, or UNNOTICED."""
     for phase in phases:
         program = workshop.link_to(phase.target, source, changed, folder)
         if program is None:
@@ -285,13 +302,14 @@ def noticed_by(workshop, source, changed, folder, phases):
         limit = workshop.limit_of(phase)
         arguments = [part.format(own=own_suites(source)) for part in phase.arguments]
         with workshop.timed(phase.title):
-            if not passes(program, arguments, limit):
-                return phase.title
-    return None
+            said = complaint_of(program, arguments, limit)
+        if said is not None:
+            return Verdict(phase.title, said)
+    return UNNOTICED
 
 
 def judge(workshop, mutant):
-    """The title of the phase that noticed the change, "" when none did, None for a change that is no mutant."""
+    """The phase that noticed the change, UNNOTICED when none did, None for a change that is no mutant."""
     text = (ROOT / mutant.source).read_text(encoding="utf-8")
     changed_text = text[:mutant.start] + mutant.after + text[mutant.end:]
     with tempfile.TemporaryDirectory(prefix="mutant-") as name:
@@ -299,17 +317,17 @@ def judge(workshop, mutant):
         changed = workshop.compile_to(mutant.source, changed_text, folder)
         short = [phase for phase in PHASES if phase.is_short]
         if mutant.is_control:
-            return noticed_by(workshop, mutant.source, changed, folder, [one for one in short if one.is_timed]) or ""
+            return noticed_by(workshop, mutant.source, changed, folder, [one for one in short if one.is_timed])
         if changed is None or workshop.is_the_same(mutant.source, changed, folder):
             return None
-        phase = noticed_by(workshop, mutant.source, changed, folder, short)
-        if phase is not None:
-            return phase
+        verdict = noticed_by(workshop, mutant.source, changed, folder, short)
+        if verdict is not UNNOTICED:
+            return verdict
         optimised = workshop.compile_to(mutant.source, changed_text, folder, "-O2")
         if workshop.is_the_same(mutant.source, optimised, folder, "-O2"):
             return None
         long = [phase for phase in PHASES if not phase.is_short]
-        return noticed_by(workshop, mutant.source, changed, folder, long) or ""
+        return noticed_by(workshop, mutant.source, changed, folder, long)
 
 
 class Tally:
@@ -331,16 +349,16 @@ class Tally:
     def take(self, mutant, verdict):
         if mutant.is_control:
             self.controls += 1
-            if verdict:
-                self.false_alarms.append(f"{mutant.source}: {verdict}")
-                print(f"noticed without a change: {self.false_alarms[-1]}", flush=True)
+            if verdict is not UNNOTICED:
+                self.false_alarms.append(f"{mutant.source}: {verdict.phase}")
+                print(f"noticed without a change: {self.false_alarms[-1]}\n{verdict.said}", flush=True)
         elif verdict is None:
             self.no_mutants += 1
-        elif verdict:
-            self.killers[verdict] += 1
-        else:
+        elif verdict is UNNOTICED:
             self.survivors.append(mutant)
             print(f"survived: {mutant}", flush=True)
+        else:
+            self.killers[verdict.phase] += 1
 
     def tell(self):
         on_terminal = sys.stderr.isatty()
