@@ -35,6 +35,9 @@ REPORTS_EACH = 30  # seconds, where nobody looks at a terminal
 BRIEF = ("--gtest_fail_fast", "--gtest_brief=1")
 MOST_MEMORY = 4 << 30  # bytes of addresses; a change that allocates without end fails soon
 MOST_WRITTEN = 256 << 20  # bytes; one that writes without end fails soon, too
+# A changed copy that talks to a wrong port reaches nobody but itself in a network of its own.
+OWN_NETWORK = ("unshare", *(("--user", "--map-root-user") if os.geteuid() else ()), "--net",
+               "sh", "-c", 'PATH=$PATH:/usr/sbin:/sbin ip link set lo up && exec "$@"', "sh")
 KEPT = 4096  # bytes at the end of what a program wrote, told when an unchanged copy fails
 
 # The suites that belong to a source; the first part that its name contains counts. They are asked before all others.
@@ -132,6 +135,13 @@ class Mutant:
         return f"{self.source}:{self.line}: {self.before} -> {self.after or '(nothing)'}"
 
 
+def ends_well(command):
+    try:
+        return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True).returncode == 0
+    except OSError:
+        return False
+
+
 def is_operator(text, match, line_text):
     """A sign between blanks is an operator here: the house's format sees to that."""
     token = match.group()
@@ -193,6 +203,9 @@ class Workshop:
             if ROOT / ENGINE in path.parents and "inet_relay_objects.dir" in entry["command"]:
                 self.compile[str(path.relative_to(ROOT))] = shlex.split(entry["command"])
         self.link = {target: self.link_command(target) for target in {phase.target for phase in PHASES}}
+        self.network = OWN_NETWORK if ends_well((*OWN_NETWORK, "true")) else ()
+        if not self.network:
+            print("no networks of their own can be had here: a change may disturb what runs beside it", flush=True)
         self.guard = threading.Lock()
         self.originals, self.limits, self.seconds = {}, {}, Counter()
         self.measuring = {target: threading.Lock() for target in self.link}
@@ -262,31 +275,31 @@ class Workshop:
                 arguments = [part for part in phase.arguments if "{own}" not in part]
                 began = time.monotonic()
                 with self.timed("without a change"):
-                    said = complaint_of(program, arguments, 600)
+                    said = self.complaint_of(program, arguments, 600)
                 if said is not None:
                     raise RuntimeError(f"{phase.target} fails without any change:\n{said}")
                 self.limits[phase.target] = 5 * (time.monotonic() - began) + 10
             return self.limits[phase.target]
 
-
-def complaint_of(program, arguments, seconds):
-    """None when the program ends well in that time, or else the end of what it said. Whatever it started ends too."""
-    with tempfile.TemporaryFile() as said:
-        limits = (f"--as={MOST_MEMORY}", f"--fsize={MOST_WRITTEN}", "--core=0")
-        run = subprocess.Popen(("prlimit", *limits, str(program), *arguments), stdin=subprocess.DEVNULL, stdout=said,
-                               stderr=said, cwd=program.parent, start_new_session=True)
-        try:
-            status = run.wait(seconds)
-        except subprocess.TimeoutExpired:
-            status = f"still running after {seconds:.0f} s"
-        finally:
-            with suppress(ProcessLookupError):
-                os.killpg(run.pid, signal.SIGKILL)
-            run.wait()
-        if status == 0:
-            return None
-        said.seek(max(0, said.seek(0, os.SEEK_END) - KEPT))
-        return f"{said.read().decode(errors='replace')}\nended with: {status}"
+    def complaint_of(self, program, arguments, seconds):
+        """None when it ends well in that time, else the end of what it said. Whatever it started ends too."""
+        with tempfile.TemporaryFile() as said:
+            limits = (f"--as={MOST_MEMORY}", f"--fsize={MOST_WRITTEN}", "--core=0")
+            run = subprocess.Popen((*self.network, "prlimit", *limits, str(program), *arguments),
+                                   stdin=subprocess.DEVNULL, stdout=said, stderr=said, cwd=program.parent,
+                                   start_new_session=True)
+            try:
+                status = run.wait(seconds)
+            except subprocess.TimeoutExpired:
+                status = f"still running after {seconds:.0f} s"
+            finally:
+                with suppress(ProcessLookupError):
+                    os.killpg(run.pid, signal.SIGKILL)
+                run.wait()
+            if status == 0:
+                return None
+            said.seek(max(0, said.seek(0, os.SEEK_END) - KEPT))
+            return f"{said.read().decode(errors='replace')}\nended with: {status}"
 
 
 def own_suites(source):
@@ -302,7 +315,7 @@ def noticed_by(workshop, source, changed, folder, phases):
         limit = workshop.limit_of(phase)
         arguments = [part.format(own=own_suites(source)) for part in phase.arguments]
         with workshop.timed(phase.title):
-            said = complaint_of(program, arguments, limit)
+            said = workshop.complaint_of(program, arguments, limit)
         if said is not None:
             return Verdict(phase.title, said)
     return UNNOTICED
