@@ -226,9 +226,15 @@ def commands_in(text):
     return re.findall(r"^  ([a-z]\S*) ", listed, re.MULTILINE)
 
 
-def closed_first():
+def own_loopback_address():
+    """A loopback address that no other process takes."""
+    pid = os.getpid()
+    return f"127.{64 + (pid >> 16)}.{pid >> 8 & 255}.{pid & 255}"
+
+
+def closed_first(address="127.0.0.1"):
     """The ports of a connection that its client closed first, which the kernel keeps: the client's and the served one."""
-    with socket.create_server(("127.0.0.1", 0)) as listening:
+    with socket.create_server((address, 0)) as listening:
         with socket.create_connection(listening.getsockname()) as client, listening.accept()[0] as far:
             client.shutdown(socket.SHUT_WR)
             if far.recv(1):
