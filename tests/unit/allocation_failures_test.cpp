@@ -12,6 +12,8 @@ namespace {
 
 using namespace relay_test;
 
+constexpr std::size_t c_full_block = 63; // packets in a queue of which the next one takes memory
+
 class allocation_failures : public registries_fixture {
 protected:
     void SetUp() override {
@@ -173,7 +175,6 @@ TEST_F(allocation_failures, of_an_acceptance_destroy_the_record) {
 }
 
 TEST_F(allocation_failures, of_the_place_of_a_call_leave_it_with_the_caller) {
-    constexpr std::size_t c_full_block = 63; // the next one takes memory
     tcp_record* const rec = filed_accepted("rec");
     while (rec->ack_q.size() < c_full_block) {
         rec->ack_q.push_back(make_token({.call = true}));
@@ -188,7 +189,6 @@ TEST_F(allocation_failures, of_the_place_of_a_call_leave_it_with_the_caller) {
 }
 
 TEST_F(allocation_failures, of_a_place_in_a_broadcast_are_told_to_the_caller_and_leave_nothing_behind) {
-    constexpr std::size_t c_full_block = 63; // the next one takes memory
     tcp_record* const rec = filed_accepted("rec");
     auto packet = make_token({.data = {1}});
     while (rec->send_q.size() < c_full_block) {
@@ -197,6 +197,17 @@ TEST_F(allocation_failures, of_a_place_in_a_broadcast_are_told_to_the_caller_and
     EXPECT_TRUE(throws_at(1, [&] { INet_Relay::send_tcp_broadcast(packet, packet.get_header_packet()); }));
     EXPECT_EQ(rec->send_q.size(), c_full_block);
     packet.free();
+}
+
+TEST_F(allocation_failures, of_the_place_of_an_answer_leave_no_answer_and_the_call_undelivered) {
+    tcp_record* const rec = established("rec");
+    while (rec->send_q.size() < c_full_block) {
+        rec->send_q.push_back(make_token({}));
+    }
+    rec->recv_token = make_token({.call = true});
+    EXPECT_TRUE(throws_at(1, [&] { EPoll::completed_recv_client_header(rec); }));
+    EXPECT_EQ(rec->send_q.size(), c_full_block);
+    EXPECT_EQ(notices, 0);
 }
 
 TEST_F(allocation_failures, can_hit_a_silent_connection_only_now_and_then_however_many_packets_wait) {

@@ -1,6 +1,5 @@
 // How the packets of an established connection are read: one piece after another, the same on both sides but for what
 // the rows in stream_fixture.hpp say.
-#include "tests/support/allocations.hpp"
 #include "tests/unit/stream_fixture.hpp"
 
 #include <cerrno>
@@ -13,7 +12,6 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
-using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 constexpr unsigned c_in_order = about::packet | about::system | about::center | about::error | about::trace;
@@ -609,24 +607,6 @@ TEST_P(acknowledging, goes_on_when_the_answer_cannot_be_armed) {
     EXPECT_FALSE(rec->send_armed);
     EXPECT_EQ(take_offers().size(), 1U);
     EXPECT_EQ(armings(EPoll::epoll_tcp_recv), 1U);
-}
-
-TEST_P(acknowledging, without_memory_for_the_answers_place_is_the_threads_affair_and_the_packet_is_not_delivered) {
-    constexpr std::size_t c_full_block = 63; // the next one takes memory
-    while (rec->send_q.size() < c_full_block) {
-        queue(make_token({}));
-    }
-    write_bytes(connection->peer, packet_bytes(request()));
-    record(false); // the harness takes no memory of its own then
-    {
-        relay_section const section;
-        fail_relay_allocation(1);
-        EXPECT_THROW(side.read(rec), std::bad_alloc);
-        fail_relay_allocation(0);
-    }
-    record(true);
-    EXPECT_THAT(rec->send_q, SizeIs(c_full_block));
-    EXPECT_THAT(take_offers(), IsEmpty());
 }
 
 TEST_P(acknowledging, answers_the_peer_once_while_the_data_is_still_under_way) {
