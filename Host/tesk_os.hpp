@@ -110,7 +110,8 @@ private:
     timer_state* state;
 };
 
-/// Monotonic count of ticks; the relay's time-outs are 8000 of them.
+/// Monotonic count of ticks; the relay's time-outs are 8000 of them. It is read several times a packet: let it be cheap;
+/// it may go in steps of some ticks.
 unsigned long lemon_clock();
 /// Finer monotonic count that is stamped into packets.
 unsigned long lemon_cpu_clock();

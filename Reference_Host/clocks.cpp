@@ -11,17 +11,18 @@ constexpr unsigned long c_nanoseconds_per_second = 1000000000;
 constexpr unsigned long c_nanoseconds_per_millisecond = 1000000;
 constexpr unsigned long c_nanoseconds_per_microsecond = 1000;
 
-/// Nanoseconds of the clock that stands still while the machine is suspended (decision 27).
-unsigned long read_monotonic() {
+/// Nanoseconds of a clock that stands still while the machine is suspended (decision 27).
+unsigned long read_monotonic(clockid_t clock = CLOCK_MONOTONIC) {
     timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    ::clock_gettime(clock, &now);
     return static_cast<unsigned long>(now.tv_sec) * c_nanoseconds_per_second + static_cast<unsigned long>(now.tv_nsec);
 }
 
 } // namespace
 
 unsigned long lemon_clock() {
-    return read_monotonic() / c_nanoseconds_per_millisecond;
+    // The time of the kernel's last tick, at most 10 ms ago, is near enough for seconds and costs a quarter.
+    return read_monotonic(CLOCK_MONOTONIC_COARSE) / c_nanoseconds_per_millisecond;
 }
 
 unsigned long lemon_cpu_clock() {
