@@ -233,8 +233,9 @@ TRIED = {
     "roundtrip": "A Center may not call the relay while it is given a packet, so its answer takes a hand-over to another "
                  "thread and a wake-up that the skeleton does without; the rows where both answer on the Center's thread "
                  "compare like with like. Kept: a lock that gives the core back to an owner on the same core, a wake-up of "
-                 "one futex call, parts recycled by each thread, no clock reading while packets wait. Dropped: giving the "
-                 "core up before the Center sleeps, which made streams several times slower beside other processes.",
+                 "one futex call, parts recycled by each thread, no clock reading while packets wait, time stamps from the "
+                 "kernel's last tick. Dropped: giving the core up before the Center sleeps, which made streams several "
+                 "times slower beside other processes.",
     "oneway": "Which end is the faster one decides: a receiver that keeps up falls asleep, and to wake it on the other core "
               "costs the sender more than a packet. Kept: what is listed for round trips, and large data parts kept for "
               "reuse. Dropped: looking for more packets before sleeping.",
@@ -246,5 +247,6 @@ TRIED = {
             "Dropped: fetching the next record ahead, which gained 5 to 11 percent of a tick for a dozen lines.",
     "memory": "Kept: what only listening and UDP sockets need has left the record, its flags stand in gaps, its two locks "
               "take 12 bytes each. An outgoing connection also has an entry in the count of registrations.",
-    "setup": "Set-up is a connect, the exchange and two notices; nothing was tried.",
+    "setup": "Set-up is a connect, the exchange and two notices. Each notice wakes a Center's thread, on both ends; of the "
+             "skeleton only the connecting end waits for anything. Nothing was tried.",
 }
