@@ -257,9 +257,21 @@ void connection_observer::on_error(std::string_view text) {
     errno = error;
 }
 
+namespace {
+
+bool begins_with(char const* text, std::string_view beginning) {
+    return std::all_of(beginning.begin(), beginning.end(), [&](char letter) { return *text++ == letter; });
+}
+
+/// Whether it is a trace that comes with every packet.
+bool is_of_packets(char const* format) {
+    return (format[0] != 't' && format[0] != 'r') || begins_with(format, "tcp s") || begins_with(format, "tcp rec");
+}
+
+} // namespace
+
 void connection_observer::on_trace(char const* format, struct_token& token, std::va_list arguments) {
-    // Most traces are of packets, and are told by their first letters.
-    if (format[0] != 't' && format[0] != 'r') {
+    if (is_of_packets(format)) {
         return;
     }
     if (std::strcmp(format, "tcp broadcast send") == 0) {
