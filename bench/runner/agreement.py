@@ -158,7 +158,29 @@ def options(arguments):
                         help=f"how far the median of the ratios may be from 1, by default {TOLERANCE}")
     parser.add_argument("--bench", type=Path, metavar="FILE", default=built / "bench/inet_relay_bench")
     parser.add_argument("--center", type=Path, metavar="FILE", default=built / "Reference_Center/zolt-center")
+    parser.add_argument("--report", type=Path, metavar="FILE", help="write the table into that page too")
     return parser.parse_args(arguments)
+
+
+ABOUT = """# What two benchmarks of the same relay say
+
+Written by `bench/runner/agreement.py`, which measured each figure below: the suite, the command `zolt-center bench`, and
+the suite again, in turns. Both send the same packets between two processes with the same placement. The command's
+processes are whole Centers: they keep account of every packet, by peer and as a whole, time it from the hand-over until
+it is written, and look at each of the relay's traces. That time is in the command's figures and not in the suite's.
+
+"""
+
+
+class Page:
+    """What was told, line by line, at once on the terminal and in the end in a file."""
+
+    def __init__(self):
+        self.text = ""
+
+    def tell(self, line):
+        print(line, flush=True)
+        self.text += line + "\n"
 
 
 def main(arguments):
@@ -168,9 +190,12 @@ def main(arguments):
         print(f"agreement: not built: {', '.join(programs.missing())}", file=sys.stderr)
         return 77
     machine.enter_network(__file__, arguments)
-    print(f"{machine.describe()}; commit {machine.commit(ROOT)}; network: {machine.prepare_network()}; {chosen.rounds} "
-          f"rounds of {chosen.seconds:g} s\n\n| case | suite | command | command to suite | suite to itself | verdict |"
-          "\n|---|---|---|---|---|---|", flush=True)
+    page = Page()
+    page.tell(f"{time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime())}; {machine.describe()}; commit "
+              f"{machine.commit(ROOT)}; network: {machine.prepare_network()}; {chosen.rounds} rounds of "
+              f"{chosen.seconds:g} s. A ratio is the median of the rounds' ratios, with the least and the most; one "
+              f"within {chosen.tolerance:.0%} agrees.\n\n"
+              "| case | suite | command | command to suite | suite to itself | verdict |\n|---|---|---|---|---|---|")
     agreed = True
     for row in rows():
         if chosen.only not in row.title:
@@ -178,11 +203,13 @@ def main(arguments):
         try:
             found = compare(programs, row, chosen.rounds)
         except (suite.Failed, suite.NotHere) as reason:
-            print(f"| {row.title} | | | | | failed: {reason} |", flush=True)
+            page.tell(f"| {row.title} | | | | | failed: {reason} |")
             agreed = False
             continue
-        print(line(row, found, chosen.tolerance), flush=True)
+        page.tell(line(row, found, chosen.tolerance))
         agreed = agreed and found.verdict(chosen.tolerance) != "DIFFERS"
+    if chosen.report:
+        chosen.report.write_text(ABOUT + page.text, encoding="utf-8")
     return 0 if agreed else 1
 
 
