@@ -141,13 +141,15 @@ def main(arguments):
     except (OSError, suite.Failed) as failure:
         say(f"{programs.bench} cannot be used: {failure}")
         return 1
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     try:
         played.play()
     except KeyboardInterrupt:
         run.interrupted = True
         say("interrupted")
     profiles = {} if run.interrupted or chosen.quick else take_profiles(programs, played)
-    signal.signal(signal.SIGINT, signal.SIG_IGN)  # the writing is short and shall be whole
+    for asked_to_end in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(asked_to_end, signal.SIG_IGN)  # the writing is short and shall be whole
     run.loads.append(machine.load())
     write(chosen.output or ROOT / ("build/bench" if chosen.only else "docs"), run, played, baseline, profiles)
     for sample in played.failures():

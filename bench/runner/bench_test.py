@@ -377,6 +377,12 @@ class WholeRun(unittest.TestCase):
         self.assertIn("cannot be used", self.run_bench(code=1).stderr)
 
     def test_an_interrupted_run_writes_what_it_has_and_leaves_nothing_running(self):
+        self.interrupt(signal.SIGINT)
+
+    def test_a_run_that_is_asked_to_end_writes_what_it_has_and_leaves_nothing_running(self):
+        self.interrupt(signal.SIGTERM)
+
+    def interrupt(self, number):
         signs = self.folder / "signs"
         os.mkfifo(signs)
         plan = {"block": "udp relay", "tell": str(signs)}
@@ -385,7 +391,7 @@ class WholeRun(unittest.TestCase):
             with open(signs, encoding="utf-8") as file:  # opens when the program that never ends has begun
                 blocked = os.pidfd_open(int(file.readline()))
             self.addCleanup(os.close, blocked)
-            runner.send_signal(signal.SIGINT)
+            runner.send_signal(number)
             _, said = runner.communicate(timeout=DEADLINE)
         self.assertEqual(runner.returncode, 130, said)
         self.assertIn("**Interrupted", self.page())
