@@ -37,15 +37,56 @@ constinit thread_local bool t_handing_over = false;
 /// What a packet's cookie points to.
 struct packet_mark {
     std::shared_ptr<peer_counts> counts;
-    std::uint64_t clock; ///< lemon_cpu_clock at the hand-over
-    std::uint32_t number;
-    std::uint32_t size; ///< as it travels
+    std::uint64_t clock = 0; ///< lemon_cpu_clock at the hand-over
+    std::uint32_t number = 0;
+    std::uint32_t size = 0; ///< as it travels
+    packet_mark* below = nullptr;
+};
+
+/// Marks that were used, to be used again: what one thread allocates and others free costs more than it does. Those in
+/// use have no bound, those at rest have one.
+class mark_shelf {
+public:
+    /// Thread: the one that hands packets over.
+    packet_mark* take() {
+        if (at_hand == nullptr) {
+            at_hand = returned.exchange(nullptr, std::memory_order_acquire);
+            room.store(c_room, std::memory_order_relaxed);
+        }
+        return at_hand != nullptr ? std::exchange(at_hand, at_hand->below) : new packet_mark;
+    }
+
+    /// Thread: any.
+    void put_back(packet_mark* mark) {
+        mark->counts.reset();
+        if (room.fetch_sub(1, std::memory_order_relaxed) <= 0) {
+            delete mark;
+            return;
+        }
+        mark->below = returned.load(std::memory_order_relaxed);
+        while (
+            !returned.compare_exchange_weak(mark->below, mark, std::memory_order_release, std::memory_order_relaxed)) {
+        }
+    }
+
+private:
+    static constexpr int c_room = 1024;
+
+    packet_mark* at_hand = nullptr;
+    std::atomic<packet_mark*> returned{nullptr};
+    std::atomic<int> room{c_room}; ///< since they were taken last
+};
+
+constinit mark_shelf g_marks;
+
+struct mark_return {
+    void operator()(packet_mark* mark) const { g_marks.put_back(mark); }
 };
 
 /// The cookie is the mark's owner until then.
-std::unique_ptr<packet_mark const> mark_of(std::uint64_t cookie) {
-    return std::unique_ptr<packet_mark const>(
-        reinterpret_cast<packet_mark const*>(static_cast<std::uintptr_t>(cookie)));
+std::unique_ptr<packet_mark, mark_return> mark_of(std::uint64_t cookie) {
+    return std::unique_ptr<packet_mark, mark_return>(
+        reinterpret_cast<packet_mark*>(static_cast<std::uintptr_t>(cookie)));
 }
 
 outcome find_outcome(struct_packet const& packet) {
@@ -215,11 +256,15 @@ std::uint32_t travelling_size(struct_token& token) {
 }
 
 void mark_handed_over(struct_token& token, std::uint32_t number, std::shared_ptr<peer_counts> counts) {
+    packet_mark* const mark = g_marks.take();
     std::uint32_t const size = travelling_size(token);
     counts->queued.add(size);
     g_book.handed_over.fetch_add(1, std::memory_order_relaxed);
     g_book.queued.add(size);
-    auto* const mark = new packet_mark{std::move(counts), Tesk::OS::lemon_cpu_clock(), number, size};
+    mark->counts = std::move(counts);
+    mark->clock = Tesk::OS::lemon_cpu_clock();
+    mark->number = number;
+    mark->size = size;
     Reference_Host::set_cookie(*token.get_header_packet(), reinterpret_cast<std::uintptr_t>(mark));
 }
 
