@@ -4,8 +4,8 @@
 Usage: mutants.py BUILD [--count N] [--seed N] [--jobs N] [--only SUBSTRING] [--report FILE]
 
 BUILD is a configured build tree. Each sampled change is compiled from a copy, linked with the tests' objects and given
-to one phase of PHASES after the other, until one notices it; nothing in the source tree is touched. A change that does
-not compile, or that compiles to the same code, is no mutant and another one is drawn. For ten changes one unchanged
+to one phase of PHASES after the other, until one notices it; nothing in the source tree is touched. A change that
+cannot be built, or that compiles to the same code, is no mutant and another one is drawn. For ten changes one unchanged
 copy is judged too: whatever fails then would have failed for nothing. Exit status: 0 when at least 90 of 100 were
 killed and every unchanged copy passed.
 """
@@ -191,6 +191,10 @@ class Verdict:
 UNNOTICED = Verdict("", "")
 
 
+class Unlinkable(RuntimeError):
+    pass
+
+
 class Workshop:
     """The build tree, and how one changed source becomes a test program."""
 
@@ -263,7 +267,9 @@ class Workshop:
             command[command.index(old)] = str(changed)
             command[command.index("-o") + 1] = str(result)
             with self.timed("linking"):
-                subprocess.run([*command, "-fuse-ld=gold"], cwd=self.build, check=True, capture_output=True)
+                done = subprocess.run([*command, "-fuse-ld=gold"], cwd=self.build, capture_output=True, text=True)
+            if done.returncode != 0:
+                raise Unlinkable(f"{target} with a changed {source} cannot be linked:\n{done.stderr[-KEPT:]}")
         return result
 
     def limit_of(self, phase):
@@ -323,6 +329,16 @@ def noticed_by(workshop, source, changed, folder, phases):
 
 def judge(workshop, mutant):
     """The phase that noticed the change, UNNOTICED when none did, None for a change that is no mutant."""
+    try:
+        return verdict_on(workshop, mutant)
+    except Unlinkable as why:
+        if mutant.is_control:
+            raise
+        print(f"no mutant: {mutant}: {why}", flush=True)
+        return None
+
+
+def verdict_on(workshop, mutant):
     text = (ROOT / mutant.source).read_text(encoding="utf-8")
     changed_text = text[:mutant.start] + mutant.after + text[mutant.end:]
     with tempfile.TemporaryDirectory(prefix="mutant-") as name:
@@ -437,7 +453,7 @@ def report(arguments, workshop, tally):
     share = 100 * tally.killed / max(tally.judged, 1)
     print(f"killed by: {sums(tally.killers)}")
     print(f"seconds, {arguments.jobs} at a time: {sums(workshop.seconds)}")
-    print(f"not counted: {tally.no_mutants} that do not compile or compile to the same code")
+    print(f"not counted: {tally.no_mutants} that cannot be built or compile to the same code")
     print(f"unchanged copies {tally.controls}, of which failed {len(tally.false_alarms)}")
     print(f"mutants {tally.judged}, killed {tally.killed} ({share:.1f} %), survived {len(tally.survivors)}, "
           f"took {time.monotonic() - tally.began:.0f} s")
