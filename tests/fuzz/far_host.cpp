@@ -23,10 +23,15 @@ constexpr moment c_longest_way = 2000000;
 void far_end::note_speech() {
     spoke_before = spoke_at == 0 ? now() : spoke_at;
     spoke_at = now();
+    overtaken_before = overtaken();
 }
 
 moment far_end::silence() const {
     return now() - spoke_at;
+}
+
+moment far_end::shortest_silence() const {
+    return silence() - (overtaken() - overtaken_before);
 }
 
 moment far_end::longest_silence() const {
@@ -155,10 +160,10 @@ void far_host::leave_all(leaving how) {
     all.clear();
 }
 
-moment far_host::silence() const {
+moment far_host::shortest_silence() const {
     moment shortest = c_never;
     for (far_end const& end : all) {
-        shortest = std::min(shortest, end.silence());
+        shortest = std::min(shortest, end.shortest_silence());
     }
     return shortest;
 }

@@ -22,10 +22,13 @@ struct far_end {
     bool has_sent_block = false;
     simulation::moment spoke_at = 0;
     simulation::moment spoke_before = 0;
+    simulation::moment overtaken_before = 0;
 
     void note_speech();
-    /// How long it has said nothing; and how long the node may have heard nothing, since the last may be on its way.
+    /// How long it has said nothing; how much of that everybody had time for; and how long the node may have heard
+    /// nothing, since the last may be on its way.
     simulation::moment silence() const;
+    simulation::moment shortest_silence() const;
     simulation::moment longest_silence() const;
     bool is_exchanged() const { return has_sent_block && received >= c_block_size; }
 };
@@ -54,7 +57,7 @@ public:
 
     std::vector<far_end> const& ends() const { return all; }
     /// Of the connection that spoke last; c_never without one.
-    simulation::moment silence() const;
+    simulation::moment shortest_silence() const;
     simulation::moment longest_silence() const;
 
 private:

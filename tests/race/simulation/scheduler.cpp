@@ -40,6 +40,7 @@ struct schedule {
     actor running = 0;
     int living = 0;
     moment clock = 0;
+    moment overtaken = 0;
     std::uint64_t points = 0;
     std::uint64_t switches = 0;
     std::size_t next_replayed = 0;
@@ -187,6 +188,7 @@ void let_time_pass(schedule& s) {
     }
     if (nearest > s.clock && nearest - s.clock <= c_longest_jump && jumps_now(s)) {
         write_down(s, c_clock);
+        s.overtaken += nearest - s.clock;
         jump_to(s, nearest);
     }
 }
@@ -342,6 +344,10 @@ void pass_time(moment duration) {
 
 moment now() {
     return g_schedule->clock;
+}
+
+moment overtaken() {
+    return g_schedule->overtaken;
 }
 
 dice& scenario_dice() {

@@ -107,6 +107,8 @@ inline void wait_for(char const* where, std::function<bool()> const& condition) 
 /// Goes on when that many virtual microseconds have passed.
 void pass_time(moment duration);
 moment now();
+/// Of that time, what passed although somebody could go on.
+moment overtaken();
 
 /// Numbers for what the scenario does, apart from those that the strategy uses.
 dice& scenario_dice();
