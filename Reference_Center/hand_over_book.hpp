@@ -73,7 +73,7 @@ inline constexpr unsigned int c_end_clock_bits = 40;
 std::optional<known_end> find_end(std::uint32_t number);
 
 /// Marks a packet that is on its way into the relay's queue. Number: one that was taken, or 0 for a packet whose end is
-/// only counted. The counts hear of its end too.
+/// only counted. The counts hear of its end too. Thread: always the same one, for hand_over too.
 void mark_handed_over(struct_token& token, std::uint32_t number, std::shared_ptr<peer_counts> counts);
 
 /// One hand-over: made just before the relay's operation is called, with the packet still the Center's.

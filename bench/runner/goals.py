@@ -248,5 +248,5 @@ TRIED = {
     "memory": "Kept: what only listening and UDP sockets need has left the record, its flags stand in gaps, its two locks "
               "take 12 bytes each. An outgoing connection also has an entry in the count of registrations.",
     "setup": "Set-up is a connect, the exchange and two notices. Each notice wakes a Center's thread, on both ends; of the "
-             "skeleton only the connecting end waits for anything. Nothing was tried.",
+             "skeleton a thread is woken on the connecting end only. Nothing was tried.",
 }
