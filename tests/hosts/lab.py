@@ -141,8 +141,10 @@ class SwitchedHost(Host):
         run("ip", "link", "add", self.port, "type", "veth", "peer", "name", "eth0", "netns", self.name)
         run("ip", "link", "set", self.port, "master", "switch", "up")
         self.set_address("eth0", self.ip)
-        # A node that closed connections first could not serve its port again for a minute after a restart.
+        # What a node leaves behind keeps its port from the next one: for a minute where it closed first, and for as
+        # long as the kernel goes on sending the rest of a connection whose peer was out of reach at its end.
         self.run("sh", "-c", "echo 0 > /proc/sys/net/ipv4/tcp_max_tw_buckets")
+        self.run("sh", "-c", "echo 1 > /proc/sys/net/ipv4/tcp_orphan_retries")
 
     def plug(self, is_in):
         """Pulls the cable at the switch, or puts it in again."""
@@ -176,6 +178,10 @@ class Switch:
     @staticmethod
     def heal(how):
         run("nft", "flush", "set", "bridge", "switch", how)
+
+    def sockets(self):
+        """The TCP sockets of every host with their timers, as a text for whoever has to find out what went wrong."""
+        return "\n".join(f"{host.name}:\n{host.run('ss', '-tanoipH')}" for host in self.hosts)
 
     def remove(self):
         """For the next one; whoever makes only one need not."""

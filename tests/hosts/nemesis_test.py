@@ -85,6 +85,7 @@ def main():
             enemy = torment(cluster, switch, choose, steps)
         except Failed as failure:
             trouble = str(failure)
+            say(switch.sockets())
         except KeyboardInterrupt:
             trouble = INTERRUPTED
         check = HistoryCheck().check(cluster.boots)
