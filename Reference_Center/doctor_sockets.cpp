@@ -28,7 +28,8 @@ std::string port_advice(std::string const& text, int error) {
         return "serve a port from 1024 on, or give the program CAP_NET_BIND_SERVICE";
     }
     if (text.find("a closed connection") != std::string::npos) {
-        return "wait that long, or start with --wait-port 61";
+        return text.find("confirmed") == std::string::npos ? "wait that long, or start with --wait-port 61"
+                                                           : "start with --wait-port 180, or serve another port";
     }
     return text.find("pid ") != std::string::npos ? "end that process, or serve another port"
                                                   : "look again as root, or serve another port";

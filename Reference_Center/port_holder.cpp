@@ -23,7 +23,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr unsigned int c_time_wait = 6; ///< the kernel's number of the state
+/// The kernel's numbers of the states of a TCP connection that this side has closed.
+enum closed_state : unsigned int { fin_wait_1 = 4, fin_wait_2 = 5, time_wait = 6, last_ack = 9, closing = 11 };
+
 constexpr unsigned long c_ticks_per_second = 100;
 
 /// A line of /proc/net/tcp and its kin.
@@ -141,6 +143,25 @@ std::uint16_t find_free_port(std::uint16_t not_this) {
     throw failure(exit_code::port_unavailable, "no port is free over both TCP and UDP");
 }
 
+/// What the kernel goes on with by itself for a connection that nobody has any more; empty when it is none.
+std::string describe_closed(socket_row const& socket) {
+    if (socket.inode != "0") {
+        return "";
+    }
+    switch (socket.state) {
+    case fin_wait_1:
+    case last_ack:
+    case closing:
+        return "a closed connection whose peer has not confirmed all that the kernel sent";
+    case fin_wait_2:
+    case time_wait:
+        return fmt::format("a closed connection that the kernel keeps for {} more seconds",
+                           (socket.timer_ticks + c_ticks_per_second - 1) / c_ticks_per_second);
+    default:
+        return "";
+    }
+}
+
 std::string describe_holder(std::uint16_t port, protocol over) {
     std::vector<socket_row> const sockets = find_sockets(port, over);
     for (socket_row const& socket : sockets) {
@@ -151,12 +172,10 @@ std::string describe_holder(std::uint16_t port, protocol over) {
             return *process;
         }
     }
-    auto const waits = std::find_if(sockets.begin(), sockets.end(), [](socket_row const& socket) {
-        return socket.state == c_time_wait && socket.inode == "0";
-    });
-    if (waits != sockets.end()) {
-        return fmt::format("a closed connection that the kernel keeps for {} more seconds",
-                           (waits->timer_ticks + c_ticks_per_second - 1) / c_ticks_per_second);
+    for (socket_row const& socket : sockets) {
+        if (std::string closed = describe_closed(socket); !closed.empty()) {
+            return closed;
+        }
     }
     return sockets.empty() ? "a socket that the system does not list" : "nobody you may look at";
 }

@@ -229,17 +229,41 @@ class TakenPort(Command):
         self.assertEqual((result.returncode, error["code"], result.stderr), (4, 4, b""))
         self.assertIn(f"pid {os.getpid()} ", error["text"])
 
-    def test_that_a_closed_connection_keeps_is_told_with_the_time_left(self):
+    def connection(self):
+        """A port that is not listened on any more, and both ends of the connection that was accepted there."""
         with socket.create_server(("127.0.0.1", 0)) as listening:
             port = listening.getsockname()[1]
             client = socket.create_connection(("127.0.0.1", port))
             accepted, _ = listening.accept()
+        self.addCleanup(client.close)
+        self.addCleanup(accepted.close)
+        return port, accepted, client
+
+    def test_that_a_closed_connection_keeps_is_told_with_the_time_left(self):
+        port, accepted, client = self.connection()
         accepted.close()  # first: this end waits
         self.assertEqual(client.recv(1), b"")
         client.close()
         result = support.call("run", "--listen", port)
         self.expect_line(result, 4, f"port {port} is taken over TCP: by a closed connection that the kernel keeps for ")
         self.assertRegex(result.stderr.decode(), r"for ([1-9]|[1-5]\d|6[01]) more seconds")
+
+    def test_that_a_peer_keeps_open_is_told_with_the_time_left(self):
+        port, accepted, _ = self.connection()
+        accepted.close()
+        result = support.call("run", "--listen", port)
+        self.assertRegex(result.stderr.decode(), r"a closed connection that the kernel keeps for [1-9]\d* more seconds")
+
+    def test_that_the_kernel_still_sends_from_is_told(self):
+        port, accepted, _ = self.connection()
+        accepted.setblocking(False)
+        with self.assertRaises(BlockingIOError):
+            while True:
+                accepted.send(bytes(1 << 20))  # the peer reads nothing
+        accepted.close()
+        self.expect_line(support.call("run", "--listen", port), 4,
+                         f"port {port} is taken over TCP: by a closed connection whose peer has not confirmed all that "
+                         "the kernel sent")
 
     def test_is_waited_for(self):
         holder = self.taken(socket.SOCK_DGRAM)
