@@ -17,9 +17,8 @@ constexpr std::uint64_t c_nobody_waits = ~std::uint64_t{0};
 constexpr std::uint64_t c_end_clock_mask = (std::uint64_t{1} << c_end_clock_bits) - 1;
 
 struct book {
-    std::atomic<std::uint64_t> handed_over{0};
+    queue_counts handed_over;
     std::atomic<std::uint64_t> ends[4]{};
-    shared_counts queued;
     std::atomic<std::uint64_t> not_connected{0};
     std::atomic<std::uint64_t> refused_by_limit{0};
     std::atomic<std::uint64_t> waited_bytes{c_nobody_waits};
@@ -101,16 +100,16 @@ outcome find_outcome(struct_packet const& packet) {
 }
 
 void count_end(packet_mark const& mark) {
-    mark.counts->queued.take_away(mark.size);
-    g_book.queued.take_away(mark.size);
+    mark.counts->queued.end(mark.size);
+    g_book.handed_over.end(mark.size);
 }
 
 void wake_if_below() {
-    std::uint64_t const bytes = g_book.waited_bytes.load(std::memory_order_acquire);
+    std::uint64_t const bytes = g_book.waited_bytes.load();
     if (bytes == c_nobody_waits) {
         return;
     }
-    traffic_counts const queued = g_book.queued.read();
+    traffic_counts const queued = g_book.handed_over.read();
     if (queued.bytes > bytes || queued.packets > g_book.waited_packets.load(std::memory_order_relaxed)) {
         return;
     }
@@ -172,13 +171,14 @@ hand_over_counts count_hand_overs() {
         return g_book.ends[static_cast<unsigned int>(how)].load(std::memory_order_relaxed);
     };
     hand_over_counts counts;
-    counts.handed_over = g_book.handed_over.load(std::memory_order_relaxed);
+    counts.handed_over = g_book.handed_over.read_all().packets;
     counts.written = end(outcome::written);
     counts.returned = end(outcome::returned);
     counts.dropped = end(outcome::dropped);
     counts.failed = end(outcome::failed);
-    counts.queued = g_book.queued.read().packets;
-    counts.queued_bytes = g_book.queued.read().bytes;
+    traffic_counts const queued = g_book.handed_over.read();
+    counts.queued = queued.packets;
+    counts.queued_bytes = queued.bytes;
     counts.not_connected = g_book.not_connected.load(std::memory_order_relaxed);
     counts.refused_by_limit = g_book.refused_by_limit.load(std::memory_order_relaxed);
     return counts;
@@ -229,8 +229,8 @@ void note_failed_datagram() {
 
 void wake_when_queue_is_below(std::uint64_t bytes, std::uint64_t packets) {
     g_book.waited_packets.store(packets, std::memory_order_relaxed);
-    g_book.waited_bytes.store(bytes, std::memory_order_release);
-    // The last end may have come in between.
+    g_book.waited_bytes.store(bytes);
+    // The last end may have come in between. Deliberate: all in one order, or neither side might see the other.
     wake_if_below();
 }
 
@@ -258,9 +258,8 @@ std::uint32_t travelling_size(struct_token& token) {
 void mark_handed_over(struct_token& token, std::uint32_t number, std::shared_ptr<peer_counts> counts) {
     packet_mark* const mark = g_marks.take();
     std::uint32_t const size = travelling_size(token);
-    counts->queued.add(size);
-    g_book.handed_over.fetch_add(1, std::memory_order_relaxed);
-    g_book.queued.add(size);
+    counts->queued.put(size);
+    g_book.handed_over.put(size);
     mark->counts = std::move(counts);
     mark->clock = Tesk::OS::lemon_cpu_clock();
     mark->number = number;
@@ -279,9 +278,10 @@ hand_over::~hand_over() {
 
 void hand_over::was_refused(struct_token& token) {
     struct_packet& header = *token.get_header_packet();
-    count_end(*mark_of(Reference_Host::get_cookie(header)));
+    auto const mark = mark_of(Reference_Host::get_cookie(header));
+    mark->counts->queued.take_back(mark->size);
+    g_book.handed_over.take_back(mark->size);
     Reference_Host::set_cookie(header, 0);
-    g_book.handed_over.fetch_sub(1, std::memory_order_relaxed);
     note_not_connected();
 }
 

@@ -14,6 +14,9 @@ if(INET_RELAY_CENTER)
   reference_center_test(latency_test latency_test.cpp
     ${center_sources}/latency_histogram.cpp ${center_sources}/latency_plot.cpp)
   reference_center_test(bench_flights_test bench_flights_test.cpp ${center_sources}/bench_flights.cpp)
+  reference_center_test(hand_over_book_test hand_over_book_test.cpp
+    ${center_sources}/hand_over_book.cpp ${center_sources}/latency_windows.cpp
+    $<TARGET_OBJECTS:zolt_reference_host_objects>)
   reference_center_test(node_account_test latency_windows_test.cpp closed_connections_test.cpp connection_observer_test.cpp
     ${center_sources}/latency_windows.cpp ${center_sources}/closed_connections.cpp
     ${center_sources}/connection_observer.cpp ${center_sources}/socket_facts.cpp
