@@ -27,25 +27,26 @@ struct latency_buckets {
         return shift * c_parts + static_cast<std::size_t>(held >> shift);
     }
 
-    /// The middle of a bucket.
-    static std::uint64_t value_of(std::size_t bucket) {
+    /// The value at a part, from 0 to 1, of a bucket's width.
+    static std::uint64_t value_of(std::size_t bucket, double part) {
         if (bucket < 2 * c_parts) {
             return bucket;
         }
         std::size_t const shift = bucket / c_parts - 1;
         std::uint64_t const first = (bucket - shift * c_parts) << shift;
-        return first + (std::uint64_t{1} << shift) / 2;
+        return first + static_cast<std::uint64_t>(static_cast<double>(std::uint64_t{1} << shift) * part);
     }
 
-    /// About the smallest value that at least that share of all, from 0 to 1, does not exceed. Total: of the counts, not 0.
+    /// About the smallest value that at least that share of all, from 0 to 1, does not exceed: as if those of a bucket
+    /// stood evenly in it. Total: of the counts, not 0.
     static std::uint64_t value_at(counts const& of, std::uint64_t total, double share) {
-        auto const rank = static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(total)));
-        std::uint64_t below = 0;
+        auto const wanted = static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(total)));
+        std::uint64_t rank = std::clamp<std::uint64_t>(wanted, 1, total);
         std::size_t bucket = 0;
-        while ((below += of[bucket]) < std::clamp<std::uint64_t>(rank, 1, total)) {
-            ++bucket;
+        while (of[bucket] < rank) {
+            rank -= of[bucket++];
         }
-        return value_of(bucket);
+        return value_of(bucket, (static_cast<double>(rank) - 0.5) / static_cast<double>(of[bucket]));
     }
 };
 

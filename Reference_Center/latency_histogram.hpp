@@ -8,8 +8,8 @@
 
 namespace Zolt::Reference_Center {
 
-/// Thread: one at a time. What it answers is off by less than one in a hundred; the count, the least and the most are
-/// exact. Values are nanoseconds, any of 64 bits.
+/// Thread: one at a time. What it answers is off by less than one in 64, and by much less where values stand evenly; the
+/// count, the least and the most are exact. Values are nanoseconds, any of 64 bits.
 class latency_histogram {
 public:
     void add(std::uint64_t value);

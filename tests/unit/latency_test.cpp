@@ -86,6 +86,27 @@ TEST(latency_histogram, finds_percentiles_as_a_sorted_list_does) {
     }
 }
 
+TEST(latency_histogram, tells_values_of_one_bucket_apart_when_they_stand_evenly) {
+    std::vector<std::uint64_t> values{0, ~std::uint64_t{0}};
+    for (std::uint64_t value = 16384; value < 16640; ++value) {
+        values.push_back(value);
+    }
+    auto const histogram = histogram_of(values);
+    for (double const share : {0.1, 0.25, 0.5, 0.75, 0.9}) {
+        EXPECT_NEAR(static_cast<double>(histogram->at_share(share)), static_cast<double>(exact_at(values, share)), 1)
+            << share;
+    }
+}
+
+TEST(latency_histogram, is_off_by_less_than_a_bucket_when_values_stand_at_its_edge) {
+    std::vector<std::uint64_t> values(1000, 16384);
+    values.insert(values.end(), {0, ~std::uint64_t{0}});
+    auto const histogram = histogram_of(values);
+    for (double const share : {0.01, 0.5, 0.99}) {
+        EXPECT_NEAR(static_cast<double>(histogram->at_share(share)), 16384, 16384 / 64) << share;
+    }
+}
+
 TEST(latency_histogram, rounds_a_rank_up) {
     auto const histogram = histogram_of({10, 20, 30, 40});
     EXPECT_EQ(histogram->at_share(0.5), 20U);
