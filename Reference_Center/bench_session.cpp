@@ -60,7 +60,7 @@ void bench_session::connect(milliseconds longest) {
     auto const deadline = steady_clock::now() + longest;
     auto const wait_for = [&](std::size_t wanted) {
         while (connected < wanted && may_go_on() && steady_clock::now() < deadline) {
-            serve(milliseconds(10));
+            serve(bench_now(), milliseconds(10));
         }
     };
     // One after the other: a relay accepts one connection for each time that it is told of any.
@@ -110,9 +110,9 @@ struct_token bench_session::make(struct_node_addr to, std::size_t code, std::uin
     return token;
 }
 
-void bench_session::serve(std::chrono::nanoseconds longest) {
+void bench_session::serve(bench_time now, std::chrono::nanoseconds longest) {
     node.serve(longest);
-    if (bench_time const now = bench_now(); now >= look_due) {
+    if (now >= look_due) {
         look_due = now + c_look_every;
         look_after(now);
     }

@@ -48,8 +48,8 @@ public:
     /// False when there is no connection.
     bool send(std::size_t to, std::uint64_t number, Reference_Host::packet_kind kind, std::uint16_t flags);
     void broadcast(std::uint64_t number);
-    /// Gives the load what arrives, for at most that long; then looks after the rest now and again.
-    void serve(std::chrono::nanoseconds longest);
+    /// Gives the load what arrives, for at most that long; then looks after the rest when it is time by that clock.
+    void serve(bench_time now, std::chrono::nanoseconds longest);
     /// Packets that the relay took.
     std::uint64_t count_handed_over() const { return handed_over; }
     /// What comes from now on is nobody's.

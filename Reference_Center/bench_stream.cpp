@@ -31,13 +31,13 @@ void bench_stream::run(bench_progress& progress, bench_time begins, bench_time e
     end = ends;
     session.use(*this, progress);
     std::uint64_t const most_queued = plan.window * plan.peers;
-    while (bench_now() < end && session.may_go_on()) {
+    for (bench_time now = bench_now(); now < end && session.may_go_on(); now = bench_now()) {
         if (count_hand_overs().queued >= most_queued) {
             wake_when_queue_is_below(c_any_bytes, most_queued / 2);
-            session.serve(c_longest_serve);
+            session.serve(now, c_longest_serve);
         } else {
             send_some();
-            session.serve(nanoseconds(0));
+            session.serve(now, nanoseconds(0));
         }
     }
     for (std::size_t to = 0; to < plan.peers && session.may_go_on(); ++to) {
@@ -45,8 +45,10 @@ void bench_stream::run(bench_progress& progress, bench_time begins, bench_time e
     }
     auto const is_behind = [](auto const& one) { return one->counts.answered != one->counts.sent; };
     bench_time const deadline = bench_now() + plan.patience;
-    while (bench_now() < deadline && session.may_go_on() && std::any_of(results.begin(), results.end(), is_behind)) {
-        session.serve(c_longest_serve);
+    for (bench_time now = bench_now();
+         now < deadline && session.may_go_on() && std::any_of(results.begin(), results.end(), is_behind);
+         now = bench_now()) {
+        session.serve(now, c_longest_serve);
     }
 }
 

@@ -77,22 +77,19 @@ void bench_trips::note_sent(std::size_t to, bench_time due) {
 }
 
 /// As many as the window lets through.
-void bench_trips::fill(std::size_t lane) {
-    while (session.may_go_on() && may_send(lane)) {
-        bench_time const now = bench_now();
-        if (now >= end) {
-            return;
-        }
+void bench_trips::fill(std::size_t lane, bench_time now) {
+    while (session.may_go_on() && may_send(lane) && now < end) {
         send(lane, now);
+        now = may_send(lane) ? bench_now() : now;
     }
 }
 
 void bench_trips::run_closed_loop() {
     for (std::size_t lane = 0; lane < lanes; ++lane) {
-        fill(lane);
+        fill(lane, bench_now());
     }
     for (bench_time now = bench_now(); now < end && session.may_go_on(); now = bench_now()) {
-        serve(std::min(c_longest_serve.count(), end - now));
+        serve(now, std::min(c_longest_serve.count(), end - now));
     }
 }
 
@@ -104,12 +101,12 @@ void bench_trips::run_open_loop() {
         bench_time const wait = is_blocked
                                     ? c_blocked_wait
                                     : std::clamp<bench_time>(next_moment() - bench_now(), 0, c_longest_serve.count());
-        serve(std::min(wait, std::max<bench_time>(end - now, 0)));
+        serve(now, std::min(wait, std::max<bench_time>(end - now, 0)));
     }
 }
 
-void bench_trips::serve(bench_time longest) {
-    session.serve(nanoseconds(longest));
+void bench_trips::serve(bench_time now, bench_time longest) {
+    session.serve(now, nanoseconds(longest));
     if (plan.kind == bench_kind::udp) {
         drop_overdue(bench_now() - plan.patience, ending::lost);
     }
@@ -157,7 +154,7 @@ void bench_trips::on_answer(std::size_t from, std::uint64_t number) {
         end_broadcast_part(number, now);
     }
     if (!plan.is_open_loop()) {
-        fill(is_broadcast() ? 0 : from);
+        fill(is_broadcast() ? 0 : from, now);
     }
 }
 
@@ -206,7 +203,7 @@ void bench_trips::drop_overdue(bench_time before, ending how) {
             end_flight(i, *due, as);
         }
         if (!plan.is_open_loop() && !is_broadcast()) {
-            fill(i);
+            fill(i, bench_now());
         }
     }
 }
@@ -220,7 +217,7 @@ void bench_trips::wait_for_rest() {
         if (plan.is_open_loop() && session.may_go_on()) {
             send_due(now);
         }
-        serve(std::min(is_behind() ? c_blocked_wait : c_longest_serve.count(), deadline - now));
+        serve(now, std::min(is_behind() ? c_blocked_wait : c_longest_serve.count(), deadline - now));
     }
     // What was never answered over UDP by now was lost, unless nobody waited long enough.
     drop_overdue(c_never, over_udp && !session.is_interrupted() ? ending::lost : ending::not_finished);

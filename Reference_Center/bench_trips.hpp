@@ -36,14 +36,14 @@ private:
     bool may_send(std::size_t lane) const;
     void send(std::size_t lane, bench_time due);
     void note_sent(std::size_t to, bench_time due);
-    void fill(std::size_t lane);
+    void fill(std::size_t lane, bench_time now);
     void end_flight(std::size_t of, bench_time due, ending how);
     void end_broadcast_part(std::uint64_t number, bench_time now);
     void drop_overdue(bench_time before, ending how);
 
     void run_closed_loop();
     void run_open_loop();
-    void serve(bench_time longest);
+    void serve(bench_time now, bench_time longest);
     bench_time next_moment() const;
     bool send_due(bench_time by);
     bool is_behind() const;

@@ -11,7 +11,6 @@
 #include "Reference_Host/packet_limits.hpp"
 
 #include <algorithm>
-#include <array>
 #include <fmt/format.h>
 #include <future>
 #include <span>
@@ -29,7 +28,6 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds c_port_retry{200};
 constexpr milliseconds c_drain_time{1000};
-constexpr std::size_t c_batch = 64;
 
 /// Waits until the port can be served, for as long as the plan says. Throws failure.
 void wait_for_port(std::uint16_t port, steady_clock::time_point deadline, stop_signals const* signals) {
@@ -82,26 +80,18 @@ struct_node_addr destination_of(struct_packet const& header) {
 /// Packets out of the inbox, freed whatever happens to them in between.
 class packet_batch {
 public:
-    explicit packet_batch(std::chrono::nanoseconds longest) : count(get_center_inbox().take(taken, longest)) {}
+    packet_batch(std::span<struct_token> room, std::chrono::nanoseconds longest)
+        : tokens(room.first(get_center_inbox().take(room, longest))) {}
     ~packet_batch() {
-        for (struct_token& token : tokens()) {
+        for (struct_token& token : tokens) {
             token.free();
         }
     }
     packet_batch(packet_batch const&) = delete;
     packet_batch& operator=(packet_batch const&) = delete;
 
-    std::span<struct_token> tokens() { return std::span(taken).first(count); }
-
-private:
-    std::array<struct_token, c_batch> taken;
-    std::size_t const count;
+    std::span<struct_token> const tokens;
 };
-
-void take_rest() {
-    while (!packet_batch(milliseconds(0)).tokens().empty()) {
-    }
-}
 
 } // namespace
 
@@ -188,15 +178,16 @@ void center::stop() {
         ::_exit(static_cast<int>(exit_code::failed));
     }
     stopper.join();
-    take_rest();
+    while (!packet_batch(taken, milliseconds(0)).tokens.empty()) {
+    }
     known.note_stopped();
     // The relay's last lines tell of datagrams that failed.
     Reference_Host::drain_output(c_drain_time);
 }
 
 void center::serve(std::chrono::nanoseconds longest) {
-    packet_batch batch(longest);
-    for (struct_token& token : batch.tokens()) {
+    packet_batch const batch(taken, longest);
+    for (struct_token& token : batch.tokens) {
         dispatch(token);
     }
 }

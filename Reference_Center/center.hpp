@@ -16,6 +16,7 @@
 #include "Reference_Host/packet_building.hpp"
 #include "Reference_Host/packet_reading.hpp"
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -71,7 +72,7 @@ public:
     center& operator=(center const&) = delete;
 
     /// Waits for packets until the time is over, or somebody wakes the inbox, and gives each to the user. Calls that came
-    /// over an accepted connection are acknowledged on the way.
+    /// over an accepted connection are acknowledged on the way. Not from within a call to the user.
     void serve(std::chrono::nanoseconds longest);
     /// Serves until the condition is true, or the moment has come. The last answer of the condition.
     bool serve_until(std::chrono::steady_clock::time_point deadline, std::function<bool()> const& condition);
@@ -113,6 +114,7 @@ private:
     node_account known;
     packet_capture capture;
     std::map<peer, std::uint16_t> connected; ///< and the port by which the peer knows this node
+    std::array<struct_token, 64> taken;      ///< what is served at once; made once, because making them takes its time
     bool runs = false;
 };
 
