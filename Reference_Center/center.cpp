@@ -194,11 +194,15 @@ void center::serve(std::chrono::nanoseconds longest) {
 
 bool center::serve_until(steady_clock::time_point deadline, std::function<bool()> const& condition) {
     while (!condition()) {
-        auto const now = steady_clock::now();
-        if (now >= deadline) {
-            return false;
+        milliseconds longest = c_look_around;
+        if (deadline != steady_clock::time_point::max()) {
+            auto const now = steady_clock::now();
+            if (now >= deadline) {
+                return false;
+            }
+            longest = std::min(longest, std::chrono::ceil<milliseconds>(deadline - now));
         }
-        serve(std::min(c_look_around, std::chrono::ceil<milliseconds>(deadline - now)));
+        serve(longest);
     }
     return true;
 }
@@ -293,7 +297,8 @@ bool center::send(peer const& to, struct_token token, std::uint32_t number) {
     struct_packet* const header = token.get_header_packet();
     std::uint64_t const size = header->get_data_size();
     packet_capture::bytes const copy = capture.copy(token);
-    hand_over const mark(token, number, known.find_counts(to));
+    std::shared_ptr<peer_counts> const& counts = known.find_counts(to);
+    hand_over const mark(token, number, counts);
     int result = 0;
     switch (to.via) {
     case way::udp:
@@ -307,7 +312,7 @@ bool center::send(peer const& to, struct_token token, std::uint32_t number) {
         break;
     }
     if (result == 0) {
-        known.note_hand_over(to, size);
+        known.note_hand_over(to.via, *counts, size);
         capture.note_hand_over(to, copy);
         return true;
     }
@@ -330,7 +335,7 @@ bool center::send_to_all_accepted(struct_token token) {
         Center::INet_Relay::send_tcp_broadcast(token, token.get_header_packet());
         known.observer().mark_copies({});
         for (peer const& to : reached) {
-            known.note_hand_over(to, token.get_header_packet()->get_data_size());
+            known.note_hand_over(to.via, *known.find_counts(to), token.get_header_packet()->get_data_size());
             capture.note_hand_over(to, bytes);
         }
     } else {

@@ -240,9 +240,9 @@ void node_account::note_arrival(peer const& from, std::uint64_t size) {
     }
 }
 
-void node_account::note_hand_over(peer const& to, std::uint64_t size) {
-    find_counts(to)->out.add(size);
-    if (to.via != way::udp) {
+void node_account::note_hand_over(way via, peer_counts& to, std::uint64_t size) {
+    to.out.add(size);
+    if (via != way::udp) {
         tcp.out.add(size);
     }
 }

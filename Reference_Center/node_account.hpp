@@ -55,7 +55,8 @@ public:
     /// True when no other connection has that name.
     bool note_disconnected(peer const& who, connection_end end);
     void note_arrival(peer const& from, std::uint64_t size);
-    void note_hand_over(peer const& to, std::uint64_t size);
+    /// To one whose counts were found.
+    void note_hand_over(way via, peer_counts& to, std::uint64_t size);
     /// Of a peer without a line: those of all such peers.
     std::shared_ptr<peer_counts> const& find_counts(peer const& who) const;
     /// False when that would be more than may wait for one peer. Whatever its size, one packet may.
